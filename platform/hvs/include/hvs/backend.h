@@ -1,0 +1,139 @@
+/* hvs/backend.h - the interface a registry engine implements.
+ *
+ * This is for engine authors, not for clients: clients use hvsapi.h and
+ * hvsadm.h. The client layer owns handles, key handles, argument checks,
+ * locking and error reporting; an engine only stores keys.
+ *
+ * The interface is versioned and append-only: a method, once published,
+ * keeps its signature and meaning; new methods go at the end of the class,
+ * with a default body, and raise kVersion.
+ *
+ * Rules every engine follows:
+ *  - Keys are named by full dotted paths ("DATABASE.DATABASES.sales"). The
+ *    empty name is the root: it always exists, never has a value, and its
+ *    children are the top-level keys. Names reaching an engine have been
+ *    checked with key_name_problem().
+ *  - A value is any byte string, length 0 included; "no value" is distinct
+ *    from an empty value.
+ *  - children() gives a key's components in byte (memcmp) order.
+ *  - Failures come back as a Status whose message names the location and
+ *    the cause; the client layer passes it on through hvsapi_get_last_error.
+ *  - Engines are not thread-safe: the client layer serialises the calls on
+ *    one engine object. An engine shared between objects (mem:) guards its
+ *    own shared state.
+ */
+#ifndef HVS_BACKEND_H
+#define HVS_BACKEND_H
+
+#include <cstdint>
+#include <memory>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "hvs_location.h"
+#include "hvsapi.h"
+
+namespace hvs {
+
+/* Longest key component in bytes. */
+inline constexpr std::size_t kMaxComponent = 255;
+
+struct Status {
+  int32_t code = HVS_OK;
+  std::string message;
+
+  bool ok() const noexcept { return code == HVS_OK; }
+  static Status failure(int32_t c, std::string m) {
+    return Status{c, std::move(m)};
+  }
+};
+
+/* What an open key carries. The client layer keeps it in the key handle, so
+ * reading the value after an open costs no engine call. */
+struct KeyData {
+  int64_t id = 0;         /* the engine's identity of the key (row id...) */
+  std::string path;       /* engines that address keys by name keep it here */
+  bool has_value = false;
+  uint32_t type = HVS_TYPE_BINARY;
+  std::string value;
+};
+
+/* One key of a walk. */
+struct WalkEntry {
+  std::string name;
+  bool has_value = false;
+  uint32_t type = HVS_TYPE_BINARY;
+  std::string value;
+};
+
+class Backend {
+public:
+  static constexpr int kVersion = 1;
+
+  virtual ~Backend() = default;
+  /* The interface version the engine was written against. */
+  virtual int version() const noexcept { return kVersion; }
+
+  /* --- version 1 --- */
+
+  /* Fills out with the key, its value included. HVS_ERR_NO_KEY when the key
+   * does not exist. */
+  virtual Status open_key(std::string_view name, KeyData &out) = 0;
+  /* Replaces the value of an open key. The client layer updates the copy in
+   * key after success. HVS_ERR_NO_KEY if the key went away meanwhile. */
+  virtual Status set_value(const KeyData &key, uint32_t type,
+                           std::string_view bytes) = 0;
+  /* The components of the key's children, in byte order. */
+  virtual Status children(const KeyData &key,
+                          std::vector<std::string> &out) = 0;
+
+  /* Creates a key; HVS_ERR_NO_KEY when the parent is missing,
+   * HVS_ERR_EXISTS when the key is there already. */
+  virtual Status create_key(std::string_view name, bool has_value,
+                            uint32_t type, std::string_view bytes) = 0;
+  /* Sets or clears the value of an existing key by name. */
+  virtual Status put_value(std::string_view name, bool has_value,
+                           uint32_t type, std::string_view bytes) = 0;
+  /* Deletes a key; HVS_ERR_NOT_EMPTY when it has children and recursive is
+   * false. The root cannot be deleted, but recursive deletion of "" empties
+   * the registry. */
+  virtual Status delete_key(std::string_view name, bool recursive) = 0;
+
+  /* One transaction at a time per engine object; a nested begin is
+   * HVS_ERR_ARGUMENT. A failed commit rolls back. */
+  virtual Status begin() = 0;
+  virtual Status commit() = 0;
+  virtual Status rollback() = 0;
+
+  /* The subtree under name ("" for all), depth first, children in byte
+   * order, each key before its children. The default uses open_key() and
+   * children(); an engine may do better. */
+  virtual Status walk(std::string_view name, std::vector<WalkEntry> &out);
+};
+
+/* Why name is not a valid key name, or nullptr when it is: non-empty
+ * components of at most kMaxComponent bytes separated by single dots. */
+const char *key_name_problem(std::string_view name) noexcept;
+
+/* The parent's name ("" for a top-level key) and the last component. */
+std::string_view parent_of(std::string_view name) noexcept;
+std::string_view last_component(std::string_view name) noexcept;
+
+/* Opens the engine that loc names. With create, a missing registry is
+ * created (directories included); without, it is an error. On failure
+ * returns nullptr and fills st. */
+std::unique_ptr<Backend> open_backend(const Location &loc, bool create,
+                                      Status &st);
+
+/* The engines. open_backend() picks one by the location's scheme. */
+std::unique_ptr<Backend> open_sqlite(const Location &loc, bool create,
+                                     Status &st);
+std::unique_ptr<Backend> open_memory(const Location &loc, bool create,
+                                     Status &st);
+std::unique_ptr<Backend> open_zookeeper(const Location &loc, bool create,
+                                        Status &st);
+
+} // namespace hvs
+
+#endif

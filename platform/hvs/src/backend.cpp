@@ -1,0 +1,91 @@
+// Engine-independent parts: key names, the default walk, engine choice.
+#include "hvs/backend.h"
+
+namespace hvs {
+
+const char *key_name_problem(std::string_view name) noexcept {
+  if (name.empty())
+    return "empty key name";
+  if (name.front() == '.')
+    return "leading dot";
+  if (name.back() == '.')
+    return "trailing dot";
+  std::size_t run = 0;
+  for (char c : name) {
+    if (c == '.') {
+      if (run == 0)
+        return "empty component";
+      run = 0;
+    } else if (++run > kMaxComponent) {
+      return "component longer than 255 bytes";
+    }
+  }
+  return nullptr;
+}
+
+std::string_view parent_of(std::string_view name) noexcept {
+  auto dot = name.rfind('.');
+  return dot == std::string_view::npos ? std::string_view{}
+                                       : name.substr(0, dot);
+}
+
+std::string_view last_component(std::string_view name) noexcept {
+  auto dot = name.rfind('.');
+  return dot == std::string_view::npos ? name : name.substr(dot + 1);
+}
+
+namespace {
+
+Status walk_from(Backend &b, const KeyData &key, std::vector<WalkEntry> &out) {
+  if (!key.path.empty() || key.has_value)
+    out.push_back(WalkEntry{key.path, key.has_value, key.type, key.value});
+  std::vector<std::string> kids;
+  Status st = b.children(key, kids);
+  if (!st.ok())
+    return st;
+  for (const auto &kid : kids) {
+    std::string child =
+        key.path.empty() ? kid : key.path + "." + kid;
+    KeyData data;
+    st = b.open_key(child, data);
+    if (st.code == HVS_ERR_NO_KEY)
+      continue; // deleted by someone else meanwhile
+    if (!st.ok())
+      return st;
+    data.path = child; // engines need not fill it
+    st = walk_from(b, data, out);
+    if (!st.ok())
+      return st;
+  }
+  return {};
+}
+
+} // namespace
+
+Status Backend::walk(std::string_view name, std::vector<WalkEntry> &out) {
+  KeyData root;
+  Status st = open_key(name, root);
+  if (!st.ok())
+    return st;
+  root.path = std::string(name);
+  return walk_from(*this, root, out);
+}
+
+std::unique_ptr<Backend> open_backend(const Location &loc, bool create,
+                                      Status &st) {
+  switch (loc.engine) {
+  case Engine::Sqlite:
+    return open_sqlite(loc, create, st);
+  case Engine::Memory:
+    return open_memory(loc, create, st);
+  case Engine::ZooKeeper:
+    return open_zookeeper(loc, create, st);
+  case Engine::Invalid:
+    break;
+  }
+  st = Status::failure(HVS_ERR_UNREACHABLE,
+                       loc.text + ": bad registry location: " + loc.error);
+  return nullptr;
+}
+
+} // namespace hvs

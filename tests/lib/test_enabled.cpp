@@ -1,0 +1,145 @@
+/* The database enable flag: read, write, locking, bad input. */
+#include <signal.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <cstring>
+
+#include "fixture.h"
+#include "lks.h"
+
+using namespace prsrtest;
+
+namespace {
+struct DbEnabled : ::testing::Test {
+  Registry reg;
+  void SetUp() override { reg.sample_db(); }
+};
+} // namespace
+
+TEST_F(DbEnabled, ReadsAnyCaseOfNameAndValue) {
+  Session s;
+  struct {
+    const char *stored;
+    uint32_t want;
+  } values[] = {{"true", 1}, {"TRUE", 1}, {"True", 1}, {"false", 0}, {"", 0}, {"yes", 0},
+                {"true ", 0}};
+  for (auto &v : values) {
+    reg.text("DATABASE.DATABASES.sales.ENABLED", v.stored);
+    for (const char *name : {"sales", "SALES", "SaLeS"}) {
+      uint32_t flag = 77;
+      ASSERT_EQ(PRSR_SUCCESS, prsr_get_db_enabled(s.status(), s.ctx(), name, &flag));
+      EXPECT_EQ(v.want, flag) << v.stored << " via " << name;
+    }
+  }
+}
+
+TEST_F(DbEnabled, MissingAndUnreadableKeys) {
+  Session s;
+  Trace trace(reg.dir(), 0);
+  uint32_t flag = 77;
+  EXPECT_EQ(PRSR_ERR_NO_KEY, prsr_get_db_enabled(s.status(), s.ctx(), "nodb", &flag));
+  EXPECT_EQ(77u, flag);
+  EXPECT_TRUE(trace.has("prsr_get_enabled_key: HVS api hvsapi_open_key failed for key "
+                        "DATABASE.DATABASES.nodb.ENABLED with 4"));
+  /* An empty name is asked for as it is. */
+  EXPECT_EQ(PRSR_ERR_NO_KEY, prsr_get_db_enabled(s.status(), s.ctx(), "", &flag));
+  EXPECT_TRUE(trace.has("DATABASE.DATABASES..ENABLED"));
+
+  reg.text("DATABASE.DATABASES.sales.ENABLED", std::string(1100, 't'));
+  EXPECT_EQ(PRSR_ERR_REGISTRY, prsr_get_db_enabled(s.status(), s.ctx(), "sales", &flag));
+  EXPECT_EQ(77u, flag);
+  EXPECT_TRUE(trace.has("prsr_get_enabled_key: HVS api hvsapi_get_value failed"));
+  /* Exactly 1024 bytes without a NUL is no text either. */
+  reg.raw("DATABASE.DATABASES.sales.ENABLED", std::string(1024, 't'));
+  EXPECT_EQ(PRSR_ERR_REGISTRY, prsr_get_db_enabled(s.status(), s.ctx(), "sales", &flag));
+}
+
+TEST_F(DbEnabled, WritesLowerCaseWordsWithTheirNul) {
+  Session s;
+  for (uint32_t v : {7u, 0u, 1u, 0xFFFFFFFFu}) {
+    ASSERT_EQ(PRSR_SUCCESS, prsr_set_db_enabled(s.status(), s.ctx(), "SALES", v));
+    EXPECT_EQ(v ? bytes("true") : bytes("false"), reg.value("DATABASE.DATABASES.sales.ENABLED"));
+    uint32_t flag = 9;
+    ASSERT_EQ(PRSR_SUCCESS, prsr_get_db_enabled(s.status(), s.ctx(), "sales", &flag));
+    EXPECT_EQ(v ? 1u : 0u, flag);
+  }
+  /* A write never creates a key: 3 where the read says 7. */
+  EXPECT_EQ(PRSR_ERR_REGISTRY, prsr_set_db_enabled(s.status(), s.ctx(), "nodb", 1));
+  EXPECT_EQ(std::nullopt, reg.value("DATABASE.DATABASES.nodb.ENABLED"));
+  EXPECT_EQ(0, fault_held_locks());
+}
+
+TEST_F(DbEnabled, BadInputIsRefused) {
+  Session s;
+  uint32_t flag = 0;
+  EXPECT_EQ(PRSR_ERR_SESSION, prsr_get_db_enabled(s.status(), nullptr, "sales", &flag));
+  EXPECT_EQ(PRSR_ERR_SESSION, prsr_set_db_enabled(s.status(), nullptr, nullptr, 1));
+  EXPECT_EQ(PRSR_ERR_ARGUMENT, prsr_get_db_enabled(s.status(), s.ctx(), nullptr, &flag));
+  EXPECT_EQ(PRSR_ERR_ARGUMENT, prsr_get_db_enabled(s.status(), s.ctx(), "sales", nullptr));
+  EXPECT_EQ(PRSR_ERR_ARGUMENT, prsr_set_db_enabled(s.status(), s.ctx(), nullptr, 1));
+  std::string longest(2048 - 28, 'x'); /* the key just fits 2047 bytes */
+  std::string too_long(2048 - 27, 'x');
+  EXPECT_EQ(PRSR_ERR_NO_KEY, prsr_get_db_enabled(s.status(), s.ctx(), longest.c_str(), &flag));
+  EXPECT_EQ(PRSR_ERR_ARGUMENT, prsr_get_db_enabled(s.status(), s.ctx(), too_long.c_str(), &flag));
+  EXPECT_EQ(PRSR_ERR_ARGUMENT, prsr_set_db_enabled(s.status(), s.ctx(), too_long.c_str(), 1));
+
+  /* A session whose tag is gone. */
+  prsr_ctx fake;
+  std::memset(&fake, 0, sizeof fake);
+  EXPECT_EQ(PRSR_ERR_SESSION, prsr_get_db_enabled(s.status(), &fake, "sales", &flag));
+}
+
+/* An exclusive holder in another process keeps a second writer out until it
+ * releases; the refused writer changes nothing. */
+TEST_F(DbEnabled, ExclusiveHolderKeepsOutASecondWriterAcrossProcesses) {
+  int to_child[2], to_parent[2];
+  ASSERT_EQ(0, pipe(to_child));
+  ASSERT_EQ(0, pipe(to_parent));
+  pid_t pid = fork();
+  ASSERT_GE(pid, 0);
+  if (pid == 0) {
+    lks_status st{};
+    void *h = nullptr;
+    lks_version v{2, 1};
+    lks_init_params p{};
+    p.metactx = plinit(nullptr);
+    p.alloc = &u_allocm;
+    p.release = &u_freem;
+    p.flags = 192;
+    char c = 'x';
+    if (lkssinit(&st, &h, &v, &p, 272) != 0 ||
+        lksmutexlock(&st, h, "FLTM.DATABASE.DATABASES.sales") != 0)
+      c = 'e';
+    if (write(to_parent[1], &c, 1) != 1 || read(to_child[0], &c, 1) != 1)
+      _exit(2);
+    lksunlock(&st, h, "FLTM.DATABASE.DATABASES.sales");
+    c = 'r';
+    if (write(to_parent[1], &c, 1) != 1)
+      _exit(2);
+    _exit(0);
+  }
+  char c = 0;
+  ASSERT_EQ(1, read(to_parent[0], &c, 1));
+  ASSERT_EQ('x', c);
+
+  Session s;
+  auto t0 = std::chrono::steady_clock::now();
+  EXPECT_EQ(PRSR_ERR_LOCK, prsr_set_db_enabled(s.status(), s.ctx(), "sales", 0));
+  EXPECT_GE(std::chrono::steady_clock::now() - t0, std::chrono::milliseconds(250));
+  EXPECT_EQ(LKS_ERR_TIMEOUT, lks_status_code(s.status()));
+  EXPECT_EQ(bytes("true"), reg.value("DATABASE.DATABASES.sales.ENABLED"));
+  /* Reads take no lock and go on meanwhile. */
+  uint32_t flag = 0;
+  EXPECT_EQ(PRSR_SUCCESS, prsr_get_db_enabled(s.status(), s.ctx(), "sales", &flag));
+  EXPECT_EQ(1u, flag);
+
+  ASSERT_EQ(1, write(to_child[1], "go", 1));
+  ASSERT_EQ(1, read(to_parent[0], &c, 1));
+  EXPECT_EQ(PRSR_SUCCESS, prsr_set_db_enabled(s.status(), s.ctx(), "sales", 0));
+  EXPECT_EQ(bytes("false"), reg.value("DATABASE.DATABASES.sales.ENABLED"));
+  int wst = 0;
+  waitpid(pid, &wst, 0);
+  EXPECT_TRUE(WIFEXITED(wst) && WEXITSTATUS(wst) == 0);
+}

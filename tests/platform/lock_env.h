@@ -1,0 +1,72 @@
+// lock_env.h - a private registry location and a short lock timeout per
+// test, and helpers to open lock handles on it.
+#ifndef TEST_PLATFORM_LOCK_ENV_H
+#define TEST_PLATFORM_LOCK_ENV_H
+
+#include "lks.h"
+
+#include <cstdlib>
+#include <cstring>
+#include <filesystem>
+#include <gtest/gtest.h>
+#include <string>
+
+namespace test_platform {
+
+// Memory callbacks as a client gives them: counted, so a test sees the
+// handle's record come back.
+inline long g_blocks_out = 0;
+inline void *counted_alloc(void *, uint64_t size) {
+  ++g_blocks_out;
+  return std::calloc(1, size);
+}
+inline void counted_free(void *, void *mem) {
+  --g_blocks_out;
+  std::free(mem);
+}
+
+inline lks_status fresh_status() {
+  lks_status st;
+  std::memset(&st, 0xA5, sizeof st); // callers only zero two places
+  std::memset(&st, 0, sizeof(int32_t));
+  std::memset(reinterpret_cast<char *>(&st) + 50, 0, 1);
+  return st;
+}
+
+// Opens a lock handle, or returns the failure code with *handle NULL.
+inline int32_t open_handle(void **handle, lks_status *st) {
+  lks_version v{2, 1};
+  lks_init_params p{};
+  p.metactx = &g_blocks_out;
+  p.alloc = counted_alloc;
+  p.release = counted_free;
+  p.flags = 192;
+  *handle = nullptr;
+  return lkssinit(st, handle, &v, &p, 272);
+}
+
+class LockTest : public ::testing::Test {
+protected:
+  void SetUp() override {
+    char tmpl[] = "/tmp/lks-test-XXXXXX";
+    ASSERT_NE(mkdtemp(tmpl), nullptr);
+    dir_ = tmpl;
+    setenv("HVS_REGISTRY", ("sqlite:" + dir_ + "/reg.db").c_str(), 1);
+    setenv("LKS_TIMEOUT_MS", "200", 1);
+  }
+  void TearDown() override {
+    std::error_code ec;
+    std::filesystem::remove_all(dir_, ec);
+  }
+  void *open() {
+    lks_status st = fresh_status();
+    void *h = nullptr;
+    EXPECT_EQ(open_handle(&h, &st), LKS_OK) << lks_status_text(&st);
+    EXPECT_NE(h, nullptr);
+    return h;
+  }
+  std::string dir_;
+};
+
+} // namespace test_platform
+#endif

@@ -1,0 +1,247 @@
+// hvsctl: the registry administration tool.
+//
+//   hvsctl [--registry LOC] import [--replace] FILE
+//   hvsctl [--registry LOC] export [-o FILE] [KEY]
+//   hvsctl [--registry LOC] dump [KEY]
+//
+// Exit codes: 0 done, 1 usage, 2 input file error, 3 registry error.
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <fstream>
+#include <iostream>
+#include <sstream>
+
+#include <CLI/CLI.hpp>
+#include <fmt/format.h>
+
+#include "hvs/backend.h"
+#include "hvsadm.h"
+#include "registry_file.h"
+
+namespace {
+
+constexpr int kExitUsage = 1;
+constexpr int kExitInput = 2;
+constexpr int kExitRegistry = 3;
+
+// An open registry handle, closed on scope exit.
+class Registry {
+public:
+  ~Registry() {
+    if (h_ != nullptr)
+      hvsapi_terminate(h_);
+  }
+  bool open(bool create) {
+    char msg[1024] = "";
+    uint64_t len = sizeof msg;
+    int32_t rc = hvsadm_open(&h_, create ? 1 : 0, msg, &len);
+    if (rc != HVS_OK) {
+      fmt::print(stderr, "hvsctl: cannot open the registry: {} (code {})\n",
+                 msg, rc);
+      return false;
+    }
+    return true;
+  }
+  void *get() const { return h_; }
+  std::string location() const { return hvsapi_location(h_); }
+
+  // The message of the last failed call.
+  std::string last_error() const {
+    uint32_t code = 0;
+    char msg[1024] = "";
+    uint32_t len = sizeof msg;
+    hvsapi_get_last_error(h_, &code, msg, &len);
+    return msg;
+  }
+  int fail(const std::string &what) const {
+    fmt::print(stderr, "hvsctl: {}: {}\n", what, last_error());
+    return kExitRegistry;
+  }
+
+private:
+  void *h_ = nullptr;
+};
+
+bool read_file(const std::string &path, std::string &text) {
+  std::ifstream in(path, std::ios::binary);
+  if (!in)
+    return false;
+  std::ostringstream s;
+  s << in.rdbuf();
+  text = s.str();
+  return !in.bad();
+}
+
+int do_import(const std::string &file, bool replace) {
+  std::string text;
+  if (!read_file(file, text)) {
+    fmt::print(stderr, "hvsctl: cannot read {}: {}\n", file,
+               std::strerror(errno));
+    return kExitInput;
+  }
+  std::vector<hvsctl::FileKey> keys;
+  std::string error;
+  if (!hvsctl::parse_registry_file(file, text, keys, error)) {
+    fmt::print(stderr, "{}\n", error);
+    return kExitInput;
+  }
+
+  Registry reg;
+  if (!reg.open(true))
+    return kExitRegistry;
+  void *h = reg.get();
+  if (hvsadm_begin(h) != HVS_OK)
+    return reg.fail("cannot start the import");
+  // Everything lands at commit or nothing does.
+  auto abandon = [&](int code) {
+    hvsadm_rollback(h);
+    return code;
+  };
+  if (replace && hvsadm_delete_key(h, "", 1) != HVS_OK)
+    return abandon(reg.fail("cannot empty the registry"));
+  for (const auto &k : keys) {
+    int32_t rc = hvsadm_create_key(h, k.name.c_str(), k.has_value ? 1 : 0,
+                                   k.bytes.data(), uint32_t(k.bytes.size()));
+    if (rc == HVS_OK)
+      continue;
+    std::string parent(hvs::parent_of(k.name));
+    if (rc == HVS_ERR_EXISTS)
+      fmt::print(stderr,
+                 "{}:{}: key \"{}\" exists already in {} (use --replace to "
+                 "replace the whole registry)\n",
+                 file, k.line, k.name, reg.location());
+    else if (rc == HVS_ERR_NO_KEY)
+      fmt::print(stderr,
+                 "{}:{}: key \"{}\": parent \"{}\" does not exist (a parent "
+                 "comes before its children)\n",
+                 file, k.line, k.name, parent);
+    else
+      return abandon(reg.fail(fmt::format("{}:{}: cannot create key \"{}\"",
+                                          file, k.line, k.name)));
+    return abandon(kExitInput);
+  }
+  if (hvsadm_commit(h) != HVS_OK)
+    return reg.fail("cannot commit the import");
+  fmt::print("imported {} keys from {} into {}\n", keys.size(), file,
+             reg.location());
+  return 0;
+}
+
+struct Collected {
+  std::vector<std::string> names;
+  std::vector<int> has_value;
+  std::vector<std::string> values;
+};
+
+int walk_all(Registry &reg, const std::string &root, Collected &out) {
+  auto cb = [](void *arg, const char *name, const void *value, uint32_t len,
+               int has_value) -> int {
+    auto *c = static_cast<Collected *>(arg);
+    c->names.emplace_back(name);
+    c->has_value.push_back(has_value);
+    c->values.emplace_back(has_value ? static_cast<const char *>(value) : "",
+                           has_value ? len : 0);
+    return 0;
+  };
+  if (hvsadm_walk(reg.get(), root.c_str(), cb, &out) != HVS_OK)
+    return reg.fail(root.empty() ? std::string("cannot read the registry")
+                                 : fmt::format("cannot read key \"{}\"", root));
+  return 0;
+}
+
+int do_export(const std::string &root, const std::string &out_file) {
+  Registry reg;
+  if (!reg.open(false))
+    return kExitRegistry;
+  Collected c;
+  if (int rc = walk_all(reg, root, c))
+    return rc;
+  std::string text = fmt::format(
+      "{{\"format\": \"{}\", \"version\": {}, \"keys\": [\n",
+      hvsctl::kFormatName, hvsctl::kFormatVersion);
+  for (size_t i = 0; i < c.names.size(); ++i) {
+    text += "  ";
+    text += hvsctl::key_line(c.names[i], c.has_value[i] != 0, c.values[i]);
+    text += i + 1 < c.names.size() ? ",\n" : "\n";
+  }
+  text += "]}\n";
+  if (out_file.empty() || out_file == "-") {
+    std::fwrite(text.data(), 1, text.size(), stdout);
+    return std::fflush(stdout) == 0 ? 0 : kExitInput;
+  }
+  std::ofstream out(out_file, std::ios::binary | std::ios::trunc);
+  out.write(text.data(), std::streamsize(text.size()));
+  out.close();
+  if (!out) {
+    fmt::print(stderr, "hvsctl: cannot write {}: {}\n", out_file,
+               std::strerror(errno));
+    return kExitInput;
+  }
+  return 0;
+}
+
+int do_dump(const std::string &root) {
+  Registry reg;
+  if (!reg.open(false))
+    return kExitRegistry;
+  Collected c;
+  if (int rc = walk_all(reg, root, c))
+    return rc;
+  auto depth = [](std::string_view name) {
+    return size_t(std::count(name.begin(), name.end(), '.'));
+  };
+  size_t base = root.empty() ? 0 : depth(root);
+  for (size_t i = 0; i < c.names.size(); ++i) {
+    const std::string &name = c.names[i];
+    std::string shown =
+        (!root.empty() && i == 0) ? name : std::string(hvs::last_component(name));
+    std::string line(2 * (depth(name) - base), ' ');
+    line += shown;
+    if (c.has_value[i])
+      line += " = " + hvsctl::display_value(c.values[i]);
+    fmt::print("{}\n", line);
+  }
+  return 0;
+}
+
+} // namespace
+
+int main(int argc, char **argv) {
+  CLI::App app{"hvsctl - administer the cluster registry"};
+  app.require_subcommand(1);
+  std::string registry;
+  app.add_option("--registry", registry,
+                 "registry location (sqlite:PATH, mem:NAME, zk://...); "
+                 "overrides HVS_REGISTRY");
+
+  bool replace = false;
+  std::string import_file;
+  auto *imp = app.add_subcommand("import", "load keys from a registry file");
+  imp->add_option("FILE", import_file, "registry file (JSON)")->required();
+  imp->add_flag("--replace", replace,
+                "empty the registry first, in the same transaction");
+
+  std::string export_key, export_out;
+  auto *exp = app.add_subcommand("export", "write keys as a registry file");
+  exp->add_option("KEY", export_key, "subtree to export (default: all)");
+  exp->add_option("-o,--output", export_out, "output file (default: stdout)");
+
+  std::string dump_key;
+  auto *dump = app.add_subcommand("dump", "print the key tree");
+  dump->add_option("KEY", dump_key, "subtree to print (default: all)");
+
+  try {
+    app.parse(argc, argv);
+  } catch (const CLI::ParseError &e) {
+    return app.exit(e) == 0 ? 0 : kExitUsage;
+  }
+  if (!registry.empty())
+    ::setenv("HVS_REGISTRY", registry.c_str(), 1);
+
+  if (*imp)
+    return do_import(import_file, replace);
+  if (*exp)
+    return do_export(export_key, export_out);
+  return do_dump(dump_key);
+}

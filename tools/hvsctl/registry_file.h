@@ -1,0 +1,47 @@
+// The registry file format of hvsctl (docs/registry-format.md): reading a
+// file into a checked list of keys, and writing keys and values back.
+#ifndef HVSCTL_REGISTRY_FILE_H
+#define HVSCTL_REGISTRY_FILE_H
+
+#include <cstddef>
+#include <string>
+#include <string_view>
+#include <vector>
+
+namespace hvsctl {
+
+inline constexpr const char *kFormatName = "hvs-registry";
+inline constexpr int kFormatVersion = 1;
+
+struct FileKey {
+  std::string name;
+  bool has_value = false;
+  std::string bytes;
+  std::size_t line = 0; // where the key's object stands in the file
+};
+
+// Parses and checks the text of a registry file. On failure returns false
+// and sets error to "FILE:LINE: problem". Checks key names and duplicates;
+// whether parents exist is the registry's business.
+bool parse_registry_file(const std::string &file, const std::string &text,
+                         std::vector<FileKey> &keys, std::string &error);
+
+// How a value is written so that it reads back to the same bytes.
+enum class Form { Text, Multi, Hex };
+Form form_of(std::string_view bytes);
+
+// One key as a line of the file, without separator: {"key": ..., ...}.
+std::string key_line(std::string_view name, bool has_value,
+                     std::string_view bytes);
+
+// A value for people: "text", ["a", "b"], hex:0a0b or (empty).
+std::string display_value(std::string_view bytes);
+
+bool valid_utf8(std::string_view s);
+
+// The 1-based line of a byte offset in text.
+std::size_t line_of(std::string_view text, std::size_t offset);
+
+} // namespace hvsctl
+
+#endif

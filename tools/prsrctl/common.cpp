@@ -1,0 +1,109 @@
+#include <cstdio>
+#include <cstdlib>
+#include <iostream>
+#include <map>
+
+#include "hvs_location.h"
+#include "lks.h"
+#include "prsrctl.h"
+
+namespace prsrctl {
+
+std::string registry_location() {
+  hvs::Location loc = hvs::resolve_location();
+  return loc.text.empty() ? std::string("(unresolved registry location)") : loc.text;
+}
+
+Session::Session(const Globals &) {
+  int32_t rc = prsr_init(&status_, &ctx_);
+  if (rc == PRSR_SUCCESS)
+    return;
+  ctx_ = nullptr;
+  switch (rc) {
+  case PRSR_ERR_REGISTRY:
+    std::cerr << "prsrctl: cannot open the registry at " << registry_location()
+              << " (does it exist? create it with 'hvsctl import FILE')\n";
+    error_ = kRegistry;
+    break;
+  case PRSR_ERR_LOCK:
+    std::cerr << "prsrctl: the lock service for " << registry_location()
+              << " could not be started: " << lks_status_text(&status_) << "\n";
+    error_ = kLock;
+    break;
+  default:
+    std::cerr << "prsrctl: the session could not be opened (result " << rc << ")\n";
+    error_ = kFailure;
+  }
+}
+
+Session::~Session() {
+  if (ctx_ != nullptr)
+    prsr_terminate(&status_, ctx_);
+}
+
+int report(int32_t rc, const std::string &what, lks_status *status) {
+  const std::string where = registry_location();
+  switch (rc) {
+  case PRSR_SUCCESS:
+    return kOk;
+  case PRSR_ERR_ARGUMENT:
+    std::cerr << "prsrctl: " << what << ": invalid argument (a name is missing or too long, "
+              << "or the answer does not fit)\n";
+    return kBadArgument;
+  case PRSR_ERR_MEMORY:
+    std::cerr << "prsrctl: " << what << ": out of memory\n";
+    return kFailure;
+  case PRSR_ERR_SESSION:
+    std::cerr << "prsrctl: " << what << ": the session is not valid\n";
+    return kFailure;
+  case PRSR_ERR_LOCK: {
+    std::string why = status ? lks_status_text(status) : "";
+    std::cerr << "prsrctl: " << what << ": the configuration lock was refused in " << where
+              << (why.empty() ? "" : ": " + why) << "\n";
+    return kLock;
+  }
+  case PRSR_ERR_THREAD:
+    std::cerr << "prsrctl: " << what << ": the thread context could not be made\n";
+    return kFailure;
+  case PRSR_ERR_NO_KEY:
+  case PRSR_ERR_NO_VLM:
+  case PRSR_ERR_NO_NODEAPPS:
+    std::cerr << "prsrctl: " << what << ": not found in " << where << "\n";
+    return kNotFound;
+  case PRSR_ERR_ROLE:
+    std::cerr << "prsrctl: " << what << ": not a known database role\n";
+    return kBadArgument;
+  case PRSR_ERR_REGISTRY:
+  default:
+    std::cerr << "prsrctl: " << what << ": the registry at " << where << " failed"
+              << (rc == PRSR_ERR_REGISTRY ? std::string() : " (registry code " + std::to_string(rc) + ")")
+              << "; run with -v for details\n";
+    return kRegistry;
+  }
+}
+
+void emit(const nlohmann::json &doc) { std::cout << doc.dump(2) << "\n"; }
+
+std::vector<Registrar> &families() {
+  static std::vector<Registrar> all;
+  return all;
+}
+
+CLI::App *group(CLI::App &app, const std::string &name) {
+  auto found = app.get_subcommands([&name](CLI::App *a) { return a->get_name() == name; });
+  if (!found.empty())
+    return found.front();
+  static const std::map<std::string, std::string> about = {
+      {"config", "Show a whole configuration: database, service, vlm, nodeapps"},
+      {"get", "Read one value: enabled, role, instance, spname, domain"},
+      {"set", "Change one value: role"},
+      {"enable", "Enable a database, instance, service or service instance"},
+      {"disable", "Disable a database, instance, service or service instance"},
+  };
+  auto it = about.find(name);
+  auto *g = app.add_subcommand(name, it == about.end() ? name : it->second);
+  g->require_subcommand(1);
+  return g;
+}
+
+} // namespace prsrctl

@@ -1,0 +1,38 @@
+/* prsrctl - the client command over libprsr: shows and changes the
+ * configuration of the clustered databases kept in the registry. */
+#include <cstdlib>
+#include <iostream>
+
+#include "prsrctl.h"
+#include "trc.h"
+
+int main(int argc, char **argv) {
+  using namespace prsrctl;
+  CLI::App app{"prsrctl - show and change cluster database configuration"};
+  app.require_subcommand(1);
+  Globals g;
+  int exit_code = kOk;
+  app.add_flag("--json", g.json, "Print one JSON document instead of a report");
+  app.add_flag("-v,--verbose", g.verbose, "Show the library's trace lines on stderr (-vv: all)");
+  app.add_option("--registry", g.registry,
+                 "Registry location (overrides HVS_REGISTRY), e.g. sqlite:/path/registry.db");
+  app.parse_complete_callback([&g] {
+    if (!g.registry.empty())
+      setenv("HVS_REGISTRY", g.registry.c_str(), 1);
+    if (g.verbose > 0) {
+      trcsetdest("stderr");
+      trcsetlevel(g.verbose > 1 ? 5 : 4);
+    }
+  });
+
+  for (Registrar r : families())
+    r(app, g, exit_code);
+
+  try {
+    app.parse(argc, argv);
+  } catch (const CLI::ParseError &e) {
+    int rc = app.exit(e);
+    return rc == 0 ? kOk : kBadArgument;
+  }
+  return exit_code;
+}
