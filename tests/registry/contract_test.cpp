@@ -343,7 +343,7 @@ TEST_P(Contract, HandlesSeeEachOthersWrites) {
 }
 
 TEST_P(Contract, OneHandleServesManyThreads) {
-  create("M", "0");
+  create("M", std::string("0\0", 2));
   std::vector<std::thread> threads;
   std::atomic<int> failures{0};
   for (int t = 0; t < 4; ++t)
@@ -370,7 +370,7 @@ TEST_P(Contract, OneHandleServesManyThreads) {
 
 INSTANTIATE_TEST_SUITE_P(Engines, Contract,
                          ::testing::Values("sqlite", "mem"),
-                         [](const auto &info) { return info.param; });
+                         [](const auto &param_info) { return param_info.param; });
 
 // Opening fails cleanly, with a message that names the location and the
 // cause, whatever is wrong with it.

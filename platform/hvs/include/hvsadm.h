@@ -8,20 +8,28 @@ extern "C" {
 #endif
 
 /* Creates the registry at the location HVS_REGISTRY names if it does not
- * exist, and opens a client on it. */
+ * exist, and opens a client on it. With create 0 it opens like
+ * hvsapi_init_ext. Directories of an SQLite path are created too; a mem:
+ * registry exists from its first creating open until the process ends. */
 int32_t hvsadm_open(void **handle_out, int create, char *msg, uint64_t *msg_len);
 
-/* Creates a key; its parent must exist. has_value 0: a key without value. */
+/* Creates a key; its parent must exist (HVS_ERR_NO_KEY), and the key must
+ * not (HVS_ERR_EXISTS). has_value 0: a key without value. A value that ends
+ * in a NUL is stored with type HVS_TYPE_TEXT, any other with
+ * HVS_TYPE_BINARY. */
 int32_t hvsadm_create_key(void *handle, const char *name, int has_value,
                           const void *bytes, uint32_t len);
 /* Sets or clears (has_value 0) the value of an existing key. */
 int32_t hvsadm_put_value(void *handle, const char *name, int has_value,
                          const void *bytes, uint32_t len);
-/* Deletes a key; with recursive 0 it must have no subkeys. */
+/* Deletes a key; with recursive 0 it must have no subkeys
+ * (HVS_ERR_NOT_EMPTY). The name "" with recursive 1 deletes every key. */
 int32_t hvsadm_delete_key(void *handle, const char *name, int recursive);
 
 /* Atomic batches: everything between begin and commit lands together or
- * not at all (rollback, or a failed commit). */
+ * not at all (rollback, or a failed commit). One batch at a time per handle:
+ * a nested begin, or a commit or rollback without one, is
+ * HVS_ERR_ARGUMENT. */
 int32_t hvsadm_begin(void *handle);
 int32_t hvsadm_commit(void *handle);
 int32_t hvsadm_rollback(void *handle);

@@ -1,0 +1,262 @@
+/* Service entries: one service of a database read into its
+ * prsr_service_cfg, its instances sorted by TYPE into preferred and
+ * available, for the whole-record fetch. */
+#include <cstring>
+
+#include "database/database.h"
+#include "operations/enabled.h"
+#include "registry/registry.h"
+
+using namespace prsr;
+
+extern "C" void prsr_free_service_entry(void *metactx, prsr_service_cfg *entry) {
+  if (entry == nullptr)
+    return;
+  if (entry->service_name != nullptr)
+    u_freem(metactx, entry->service_name);
+  free_texts(metactx, entry->avail_instances, entry->avail_count);
+  if (entry->avail_enabled != nullptr)
+    u_freem(metactx, entry->avail_enabled);
+  free_texts(metactx, entry->pref_instances, entry->pref_count);
+  if (entry->pref_enabled != nullptr)
+    u_freem(metactx, entry->pref_enabled);
+  free_texts(metactx, entry->environment, entry->environment_count);
+  u_freem(metactx, entry);
+}
+
+namespace {
+
+constexpr const char *kSelf = "prsr_fill_service";
+
+enum class Kind { Missing, Other, Preferred, Available };
+
+/* The subkey names of the service's INSTANCES and their case-preserved
+ * names, owned for the length of the fill. */
+struct Names {
+  void *meta;
+  char **subkeys = nullptr;
+  uint32_t count = 0;
+  char **preserved = nullptr;
+  ~Names() { clear(); }
+  void clear() {
+    free_texts(meta, subkeys, count);
+    free_texts(meta, preserved, count);
+    subkeys = preserved = nullptr;
+    count = 0;
+  }
+};
+
+uint32_t fov_code(const char *v) {
+  if (txticmp(v, "BASIC") == 0)
+    return PRSR_FOV_BASIC;
+  if (txticmp(v, "PRECONNECT") == 0 || txticmp(v, "AVAILABLE") == 0 || txticmp(v, "MUTUAL") == 0)
+    return PRSR_FOV_PRECONNECT;
+  return PRSR_FOV_NONE;
+}
+
+} // namespace
+
+extern "C" int32_t prsr_fill_service(prsr_ctx *ctx, const char *dbname, const char *dbkey,
+                                     prsr_service_cfg **out, const char *srvname) {
+  void *meta = ctx->metactx;
+  void *hvs = ctx->hvs_handle;
+  uintptr_t comp = ctx->trace_comp;
+  trcprintf(comp, 4, "prsr_fill_service: dbname = [%s], dbkey = [%s],  srvname = %s", dbname,
+            dbkey, srvname);
+
+  auto no_memory = [&](uint64_t size) {
+    trcprintf(comp, 0, "prsr_fill_service: failed to allocate %d bytes", static_cast<int>(size));
+    return PRSR_ERR_MEMORY;
+  };
+  Owned<prsr_service_cfg> record(meta);
+  if (!record.allocate(sizeof(prsr_service_cfg)))
+    return no_memory(sizeof(prsr_service_cfg));
+  Owned<char> value(meta);
+  if (!value.allocate(kValueMax))
+    return no_memory(kValueMax);
+  Owned<char> srv_key(meta);
+  if (!srv_key.allocate(kKeyMax))
+    return no_memory(kKeyMax);
+  Owned<char> name(meta);
+  if (!name.allocate(kKeyMax))
+    return no_memory(kKeyMax);
+
+  /* <service key>.ENVIRONMENT is the longest key built from the service key
+   * alone; the keys of its instances are measured one by one. */
+  if (key_length({dbkey, "SERVICE", srvname, "ENVIRONMENT"}) + 1 > kKeyMax) {
+    trcprintf(comp, 0, "prsr_fill_service: key names of service %s under %s exceed %d bytes",
+              srvname, dbkey, static_cast<int>(kKeyMax));
+    return PRSR_ERR_REGISTRY;
+  }
+  key_build(srv_key.get(), {dbkey, "SERVICE", srvname});
+  trcprintf(comp, 4, "prsr_fill_service: srv key name = %s", srv_key.get());
+
+  /* Published before anything is read: every later failure leaves it where
+   * the release of the record finds it. */
+  prsr_service_cfg *e = record.release();
+  *out = e;
+
+  size_t srv_len = std::strlen(srvname);
+  e->service_name = static_cast<char *>(u_allocm(meta, srv_len + 1));
+  if (e->service_name == nullptr)
+    return no_memory(srv_len + 1);
+  OpenKey key(hvs);
+  int32_t rc = key.open(srv_key.get());
+  if (rc != 0) {
+    prsr_report_hvs_failure(hvs, comp, kSelf, "hvsapi_open_key", rc, srv_key.get());
+    return PRSR_ERR_REGISTRY;
+  }
+  uint32_t type = 0;
+  uint32_t len = static_cast<uint32_t>(srv_len) + 1;
+  rc = read_text(hvs, key.get(), &type, e->service_name, &len);
+  if (rc != 0) {
+    prsr_report_hvs_failure(hvs, comp, kSelf, "hvsapi_get_value", rc, srv_key.get());
+    return PRSR_ERR_REGISTRY;
+  }
+  key.close();
+  trcprintf(comp, 4, "prsr_fill_service: srvcompname = %s", e->service_name);
+
+  key_build(name.get(), {srv_key.get(), "INSTANCES"});
+  trcprintf(comp, 4, "prsr_fill_service: key name = [%s]", name.get());
+  Names names{meta};
+  if (prsr_get_subkeys(meta, comp, hvs, name.get(), &names.subkeys, &names.count) != 0 ||
+      names.count == 0)
+    return PRSR_SUCCESS; /* the entry keeps its name only */
+
+  uint64_t table_size = uint64_t{names.count} * sizeof(char *);
+  names.preserved = static_cast<char **>(u_allocm(meta, table_size));
+  if (names.preserved == nullptr)
+    return no_memory(table_size);
+  rc = prsr_get_case_preserved_values(meta, comp, hvs, name.get(), names.subkeys, names.count,
+                                      names.preserved);
+  if (rc != 0) {
+    trcprintf(comp, 0, "prsr_fill_service: prsr_get_case_preserved_names failed, rc = %d",
+              static_cast<int>(rc));
+    return rc;
+  }
+
+  /* TYPE of subkey i, compared byte for byte; a missing key is reported
+   * and the instance passed over. */
+  auto read_type = [&](uint32_t i, Kind *kind) -> int32_t {
+    if (!key_build(name.get(), {srv_key.get(), "INSTANCES", names.subkeys[i], "TYPE"})) {
+      trcprintf(comp, 0, "prsr_fill_service: key name of TYPE of %s exceeds %d bytes",
+                names.subkeys[i], static_cast<int>(kKeyMax));
+      return PRSR_ERR_REGISTRY;
+    }
+    int32_t r = key.open(name.get());
+    if (r != 0) {
+      prsr_report_hvs_failure(hvs, comp, kSelf, "hvsapi_open_key", r, name.get());
+      if (r != HVS_ERR_NO_KEY)
+        return PRSR_ERR_REGISTRY;
+      *kind = Kind::Missing;
+      return PRSR_SUCCESS;
+    }
+    std::memset(value.get(), 0, kValueMax);
+    uint32_t t = 0;
+    uint32_t n = kValueMax;
+    r = read_text(hvs, key.get(), &t, value.get(), &n);
+    key.close();
+    if (r != 0) {
+      prsr_report_hvs_failure(hvs, comp, kSelf, "hvsapi_get_value", r, name.get());
+      return PRSR_ERR_REGISTRY;
+    }
+    *kind = std::strcmp(value.get(), "PREFERRED") == 0   ? Kind::Preferred
+            : std::strcmp(value.get(), "AVAILABLE") == 0 ? Kind::Available
+                                                         : Kind::Other;
+    return PRSR_SUCCESS;
+  };
+
+  /* First pass: count, so that each list is allocated at its size. */
+  uint32_t n_pref = 0, n_avail = 0;
+  for (uint32_t i = 0; i < names.count; ++i) {
+    Kind kind = Kind::Other;
+    if ((rc = read_type(i, &kind)) != 0)
+      return rc;
+    n_pref += kind == Kind::Preferred;
+    n_avail += kind == Kind::Available;
+  }
+
+  uint64_t size = (uint64_t{n_avail} + 1) * sizeof(char *);
+  if ((e->avail_instances = static_cast<char **>(u_allocm(meta, size))) == nullptr)
+    return no_memory(size);
+  size = uint64_t{n_avail} * sizeof(uint32_t);
+  if ((e->avail_enabled = static_cast<uint32_t *>(u_allocm(meta, size))) == nullptr)
+    return no_memory(size);
+  e->avail_count = n_avail;
+  size = (uint64_t{n_pref} + 1) * sizeof(char *);
+  if ((e->pref_instances = static_cast<char **>(u_allocm(meta, size))) == nullptr)
+    return no_memory(size);
+  size = uint64_t{n_pref} * sizeof(uint32_t);
+  if ((e->pref_enabled = static_cast<uint32_t *>(u_allocm(meta, size))) == nullptr)
+    return no_memory(size);
+  e->pref_count = n_pref;
+
+  /* Second pass: move each name into its list and read its flag. */
+  size_t fixed = std::strlen(dbname) + srv_len + 51;
+  uint32_t next_pref = 0, next_avail = 0;
+  for (uint32_t i = 0; i < names.count; ++i) {
+    Kind kind = Kind::Other;
+    if ((rc = read_type(i, &kind)) != 0)
+      return rc;
+    char **list;
+    uint32_t *flags;
+    uint32_t at;
+    if (kind == Kind::Preferred && next_pref < n_pref) {
+      list = e->pref_instances, flags = e->pref_enabled, at = next_pref++;
+    } else if (kind == Kind::Available && next_avail < n_avail) {
+      list = e->avail_instances, flags = e->avail_enabled, at = next_avail++;
+    } else {
+      continue;
+    }
+    list[at] = names.preserved[i];
+    names.preserved[i] = nullptr;
+    size_t enabled_size = fixed + std::strlen(names.subkeys[i]);
+    Owned<char> enabled_key(meta);
+    if (!enabled_key.allocate(enabled_size))
+      return no_memory(enabled_size);
+    key_join(enabled_key.get(), {"DATABASE.DATABASES", dbname, "SERVICE", srvname, "INSTANCES",
+                                 names.subkeys[i], "ENABLED"});
+    prsr_get_enabled_key(ctx, enabled_key.get(), &flags[at]);
+  }
+  names.clear(); /* names that went into neither list go with it */
+
+  key_build(name.get(), {srv_key.get(), "ENVIRONMENT"});
+  prsr_get_multivalues(meta, comp, hvs, name.get(), &e->environment, &e->environment_count);
+
+  /* FOVPOLICY: 0 unless read. */
+  key_build(name.get(), {srv_key.get(), "FOVPOLICY"});
+  rc = key.open(name.get());
+  if (rc != 0) {
+    prsr_report_hvs_failure(hvs, comp, kSelf, "hvsapi_open_key", rc, name.get());
+  } else {
+    std::memset(value.get(), 0, kValueMax);
+    type = 0;
+    len = kValueMax;
+    rc = read_text(hvs, key.get(), &type, value.get(), &len);
+    if (rc != 0) {
+      prsr_report_hvs_failure(hvs, comp, kSelf, "hvsapi_get_value", rc, name.get());
+    } else {
+      if (len < kValueMax)
+        value[len] = '\0';
+      e->fov_policy = fov_code(value.get());
+    }
+    key.close();
+  }
+
+  /* ENABLED of the service: anything but "FALSE" is enabled. */
+  key_build(name.get(), {srv_key.get(), "ENABLED"});
+  rc = key.open(name.get());
+  if (rc != 0) {
+    prsr_report_hvs_failure(hvs, comp, kSelf, "hvsapi_open_key", rc, name.get());
+    return PRSR_SUCCESS;
+  }
+  std::memset(value.get(), 0, kValueMax);
+  type = 0;
+  len = kValueMax;
+  rc = read_text(hvs, key.get(), &type, value.get(), &len);
+  if (rc != 0)
+    prsr_report_hvs_failure(hvs, comp, kSelf, "hvsapi_get_value", rc, name.get());
+  else
+    e->enabled = txticmp(value.get(), "FALSE") != 0 ? 1 : 0;
+  return PRSR_SUCCESS;
+}

@@ -1,0 +1,163 @@
+// hvsctl end to end: the file format round-trips byte for byte, and a bad
+// file is refused whole, with the line of the problem.
+#include <gtest/gtest.h>
+
+#include <fstream>
+#include <sstream>
+#include <sys/wait.h>
+
+#include "test_util.h"
+
+namespace {
+
+using hvstest::TempDir;
+
+struct Result {
+  int status;
+  std::string out, err;
+};
+
+std::string slurp(const std::string &path) {
+  std::ifstream in(path, std::ios::binary);
+  std::ostringstream s;
+  s << in.rdbuf();
+  return s.str();
+}
+
+void spit(const std::string &path, const std::string &text) {
+  std::ofstream(path, std::ios::binary) << text;
+}
+
+class Hvsctl : public ::testing::Test {
+protected:
+  // Runs hvsctl with args on the registry reg (a file in the temp dir).
+  Result run(const std::string &reg, const std::string &args) {
+    std::string out = dir_.file("out.txt"), err = dir_.file("err.txt");
+    std::string cmd = std::string(HVSCTL_PATH) + " --registry sqlite:" +
+                      dir_.file(reg) + " " + args + " >" + out + " 2>" + err;
+    int rc = std::system(cmd.c_str());
+    return {WIFEXITED(rc) ? WEXITSTATUS(rc) : -1, slurp(out), slurp(err)};
+  }
+  std::string file(const std::string &name) { return dir_.file(name); }
+
+  TempDir dir_;
+};
+
+TEST_F(Hvsctl, ExportRoundTripsEveryValueForm) {
+  const std::string input = R"({"format": "hvs-registry", "version": 1,
+"keys": [
+ {"key": "R"},
+ {"key": "R.TEXT", "value": "Grüße"},
+ {"key": "R.EMPTYTEXT", "value": ""},
+ {"key": "R.EMPTY", "value": {"hex": ""}},
+ {"key": "R.NUL", "value": {"hex": "61006200"}},
+ {"key": "R.RAW", "value": {"hex": "ff00fe"}},
+ {"key": "R.MULTI", "value": ["TZ=UTC", "LANG=C"]},
+ {"key": "R.ONE", "value": ["solo"]},
+ {"key": "R.NOLIST", "value": {"hex": "0000"}},
+ {"key": "R.NOLIST.x*y", "value": "quote \" and \\ back"}
+]})";
+  spit(file("in.json"), input);
+  ASSERT_EQ(0, run("a.db", "import " + file("in.json")).status);
+  Result first = run("a.db", "export -o " + file("first.json"));
+  ASSERT_EQ(0, first.status) << first.err;
+  ASSERT_EQ(0, run("b.db", "import " + file("first.json")).status);
+  Result second = run("b.db", "export");
+  ASSERT_EQ(0, second.status) << second.err;
+  const std::string exported = slurp(file("first.json"));
+  EXPECT_EQ(exported, second.out);
+
+  // Each value comes back in the form that keeps its bytes.
+  for (const char *line : {
+           R"({"key": "R.TEXT", "value": "Grüße"})",
+           R"({"key": "R.EMPTYTEXT", "value": ""})",
+           R"({"key": "R.EMPTY", "value": {"hex": ""}})",
+           R"({"key": "R.NUL", "value": {"hex": "61006200"}})",
+           R"({"key": "R.MULTI", "value": ["TZ=UTC", "LANG=C"]})",
+           R"({"key": "R.ONE", "value": ["solo"]})",
+           R"({"key": "R.NOLIST", "value": {"hex": "0000"}})",
+           "{\"key\": \"R\"}",
+       })
+    EXPECT_NE(std::string::npos, exported.find(line)) << line;
+
+  Result dump = run("b.db", "dump R");
+  EXPECT_NE(std::string::npos, dump.out.find("  MULTI = [\"TZ=UTC\", \"LANG=C\"]\n"));
+  EXPECT_NE(std::string::npos, dump.out.find("  EMPTY = (empty)\n"));
+  EXPECT_NE(std::string::npos, dump.out.find("    x*y = "));
+}
+
+TEST_F(Hvsctl, SampleClusterIsCanonical) {
+  ASSERT_EQ(0, run("s.db", std::string("import ") + SAMPLE_CLUSTER).status);
+  Result out = run("s.db", "export");
+  ASSERT_EQ(0, out.status) << out.err;
+  EXPECT_EQ(slurp(SAMPLE_CLUSTER), out.out);
+}
+
+TEST_F(Hvsctl, BadFilesAreRefusedWithTheirLine) {
+  const std::string head = "{\"format\": \"hvs-registry\", \"version\": 1, "
+                           "\"keys\": [\n  {\"key\": \"A\"},\n";
+  struct Case {
+    std::string body;
+    std::string message; // after "FILE:"
+  } cases[] = {
+      {"  {\"key\": \"A.B\"}\n  {\"key\": \"A.C\"}\n]}", "4: "}, // no comma
+      {"  {\"key\": \"A.B\"},\n  {\"key\": \"A..x\"}\n]}",
+       "4: key \"A..x\": empty component"},
+      {"  {\"key\": \"A.\"}\n]}", "3: key \"A.\": trailing dot"},
+      {"  {\"key\": \"A.B\"},\n  {\"key\": \"A.B\"}\n]}",
+       "4: key \"A.B\" is listed twice (first on line 3)"},
+      {"  {\"key\": \"A.B.C\"}\n]}",
+       "3: key \"A.B.C\": parent \"A.B\" does not exist"},
+      {"  {\"key\": \"A.B\",\n   \"value\": {\"hex\": \"abc\"}}\n]}",
+       "3: key \"A.B\": hex value is not an even number of hex digits"},
+      {"  {\"key\": \"A.B\", \"vaule\": \"x\"}\n]}",
+       "3: unknown member \"vaule\""},
+      {"  {\"key\": \"A.B\", \"value\": [\"a\", \"\"]}\n]}",
+       "3: key \"A.B\": multi-string holds an empty string"},
+      {"  {\"key\": \"A.B\", \"value\": 7}\n]}", "3: key \"A.B\": value must be"},
+  };
+  for (const auto &c : cases) {
+    spit(file("bad.json"), head + c.body);
+    Result r = run("bad.db", "import " + file("bad.json"));
+    EXPECT_EQ(2, r.status) << c.body;
+    EXPECT_EQ(0u, r.err.find(file("bad.json") + ":" + c.message))
+        << c.body << "\n" << r.err;
+  }
+  spit(file("v2.json"), "{\"format\": \"hvs-registry\",\n \"version\": 2, "
+                        "\"keys\": []}");
+  Result r = run("bad.db", "import " + file("v2.json"));
+  EXPECT_EQ(2, r.status);
+  EXPECT_NE(std::string::npos, r.err.find("v2.json:2: format version 2")) << r.err;
+
+  // The failed imports left nothing behind, not even the keys before the
+  // bad one.
+  Result out = run("bad.db", "export");
+  EXPECT_EQ(std::string::npos, out.out.find("\"A\"")) << out.out;
+}
+
+TEST_F(Hvsctl, ImportAddsAndReplaceStartsOver) {
+  spit(file("one.json"), "{\"format\": \"hvs-registry\", \"version\": 1, "
+                         "\"keys\": [\n{\"key\": \"A\", \"value\": \"1\"}\n]}");
+  spit(file("two.json"), "{\"format\": \"hvs-registry\", \"version\": 1, "
+                         "\"keys\": [\n{\"key\": \"A\"},\n{\"key\": \"A.B\"}\n]}");
+  ASSERT_EQ(0, run("r.db", "import " + file("one.json")).status);
+  Result again = run("r.db", "import " + file("two.json"));
+  EXPECT_EQ(2, again.status);
+  EXPECT_NE(std::string::npos, again.err.find("two.json:2: key \"A\" exists already"))
+      << again.err;
+  EXPECT_NE(std::string::npos, again.err.find(file("r.db"))) << again.err;
+  ASSERT_EQ(0, run("r.db", "import --replace " + file("two.json")).status);
+  EXPECT_EQ("A\n  B\n", run("r.db", "dump").out);
+}
+
+TEST_F(Hvsctl, ExitCodesTellUsageInputAndRegistryApart) {
+  EXPECT_EQ(1, run("x.db", "").status);
+  EXPECT_EQ(1, run("x.db", "import").status);
+  EXPECT_EQ(2, run("x.db", "import " + file("nonexistent.json")).status);
+  Result missing = run("x.db", "dump");
+  EXPECT_EQ(3, missing.status);
+  EXPECT_NE(std::string::npos, missing.err.find("sqlite:" + file("x.db")))
+      << missing.err;
+}
+
+} // namespace
