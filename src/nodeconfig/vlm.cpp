@@ -52,20 +52,14 @@ struct VlmNames {
   Owned<char> first, second;
   explicit VlmNames(void *meta) : first(meta), second(meta) {}
 
-  /* Copies both names; on failure logs "<op>: failed to allocate" and
-   * returns false. */
-  bool copy(void *meta, uintptr_t comp, const char *op, const char *a, const char *b) {
+  /* Copies both names, first first. Returns 0, or the size of the block
+   * that could not be allocated. */
+  size_t copy(void *meta, const char *a, const char *b) {
     if ((*first.out() = copy_lower(meta, a)) == nullptr)
-      return failed(comp, op, a);
+      return std::strlen(a) + 1;
     if ((*second.out() = copy_lower(meta, b)) == nullptr)
-      return failed(comp, op, b);
-    return true;
-  }
-
-private:
-  static bool failed(uintptr_t comp, const char *op, const char *name) {
-    trcprintf(comp, 0, "%s: failed to allocate %d bytes", op, static_cast<int>(std::strlen(name)) + 1);
-    return false;
+      return std::strlen(b) + 1;
+    return 0;
   }
 };
 
@@ -90,8 +84,8 @@ extern "C" PRSR_API int32_t prsr_fetch_vlm_config(lks_status *status, prsr_ctx *
   };
 
   VlmNames names(meta);
-  if (!names.copy(meta, comp, "prsr_fetch_vlm_config", first, second))
-    return PRSR_ERR_MEMORY;
+  if (size_t failed = names.copy(meta, first, second))
+    return no_memory(failed);
 
   auto *cfg = static_cast<prsr_vlm_cfg *>(u_allocm(meta, sizeof(prsr_vlm_cfg)));
   if (cfg == nullptr)
@@ -197,8 +191,11 @@ extern "C" PRSR_API int32_t prsr_get_vlm_enabled(lks_status *, prsr_ctx *ctx, co
   uintptr_t comp = ctx->trace_comp;
 
   VlmNames names(meta);
-  if (!names.copy(meta, comp, "prsr_get_vlm_enabled", first, second))
+  if (size_t failed = names.copy(meta, first, second)) {
+    trcprintf(comp, 0, "prsr_get_vlm_enabled: failed to allocate %d bytes",
+              static_cast<int>(failed));
     return PRSR_ERR_MEMORY;
+  }
   Owned<char> key(meta);
   if (!key.allocate(kKeyMax)) {
     trcprintf(comp, 0, "prsr_get_vlm_enabled: failed to allocate %d bytes",
@@ -223,8 +220,10 @@ extern "C" PRSR_API int32_t prsr_get_vlm_name(lks_status *, prsr_ctx *ctx, const
   uintptr_t comp = ctx->trace_comp;
 
   VlmNames names(meta);
-  if (!names.copy(meta, comp, "prsr_get_vlm_name", first, second))
+  if (size_t failed = names.copy(meta, first, second)) {
+    trcprintf(comp, 0, "prsr_get_vlm_name: failed to allocate %d bytes", static_cast<int>(failed));
     return PRSR_ERR_MEMORY;
+  }
   Owned<char> entry(meta);
   if (!entry.allocate(kKeyMax)) {
     trcprintf(comp, 0, "prsr_get_vlm_name: failed to allocate %d bytes",

@@ -6,6 +6,7 @@
 #include <gtest/gtest.h>
 
 #include <cstdlib>
+#include <cstring>
 #include <filesystem>
 #include <fstream>
 #include <optional>
@@ -14,6 +15,8 @@
 #include <vector>
 
 #include "hvsadm.h"
+#include "mp.h"
+#include "util/umem.h"
 #include "prsr.h"
 #include "prsr_fault.h"
 #include "trc.h"

@@ -87,8 +87,9 @@ TEST_F(Readers, MultiStrings) {
       else
         EXPECT_EQ(nullptr, list[i]);
     }
-    if (count == 0)
+    if (count == 0) {
       EXPECT_EQ(nullptr, list);
+    }
     free_table(list, count);
   }
   /* A missing key leaves the caller's table variable alone. */
