@@ -46,7 +46,7 @@ typedef struct hvs_util_ctx {
   void *metactx;
   void *thread_ctx;
   void *nls_state;
-  msg_catalogue msg_catalogue;
+  msgcat msg_catalogue;
   void *cat_state; /* NULL: the catalogue is taken as not ready (a notice) */
   hvs_error_table *error_table;
   void *format_handle; /* first argument of txtvformat() */

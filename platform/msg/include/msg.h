@@ -29,10 +29,10 @@ extern "C" {
 
 /* The handle record; zero-filled means "not open". Callers may keep it
  * inside their own records. */
-typedef struct msg_catalogue {
+typedef struct msgcat {
   void *impl;
   uint64_t reserved;
-} msg_catalogue;
+} msgcat;
 
 #define MSG_OK 0
 #define MSG_ERR_ARGUMENT 1 /* NULL record */
@@ -45,11 +45,11 @@ typedef struct msg_catalogue {
 /* Reads a catalogue into cat (closing what it held). On a failure cat is
  * left closed and, when detail is not NULL, detail (capacity detail_len)
  * receives "PATH:LINE: problem" or "PATH: reason". */
-int32_t msgopen(msg_catalogue *cat, const char *path, char *detail, size_t detail_len);
+int32_t msgopen(msgcat *cat, const char *path, char *detail, size_t detail_len);
 /* Releases a catalogue; a closed or zeroed record is fine. */
-void msgclose(msg_catalogue *cat);
+void msgclose(msgcat *cat);
 /* The number of messages in an open catalogue, 0 otherwise. */
-uint32_t msgcount(const msg_catalogue *cat);
+uint32_t msgcount(const msgcat *cat);
 
 /* Writes the text of message msgno into dst (capacity dst_size, always
  * NUL-terminated when dst_size > 0, cut short when it does not fit).
@@ -61,7 +61,7 @@ uint32_t msgcount(const msg_catalogue *cat);
  *              MSG_ERR_ARGUMENT
  * Any of the out pointers may be NULL. A number without text leaves dst
  * as it was. Returns dst as an integer when the text was written, else 0. */
-uintptr_t msggettext(msg_catalogue *cat, uint32_t msgno, char *dst, size_t dst_size,
+uintptr_t msggettext(msgcat *cat, uint32_t msgno, char *dst, size_t dst_size,
                      uint64_t *len_out, char *work, uint64_t work_size, uint32_t *found_out,
                      uint32_t *status_out);
 

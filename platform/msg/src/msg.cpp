@@ -93,7 +93,7 @@ Line parse_line(std::string s, uint32_t &number, std::string &text) {
 
 } // namespace
 
-MSG_EXPORT int32_t msgopen(msg_catalogue *cat, const char *path, char *detail,
+MSG_EXPORT int32_t msgopen(msgcat *cat, const char *path, char *detail,
                            size_t detail_len) {
   if (cat == nullptr)
     return MSG_ERR_ARGUMENT;
@@ -139,20 +139,20 @@ MSG_EXPORT int32_t msgopen(msg_catalogue *cat, const char *path, char *detail,
   }
 }
 
-MSG_EXPORT void msgclose(msg_catalogue *cat) {
+MSG_EXPORT void msgclose(msgcat *cat) {
   if (cat == nullptr)
     return;
   delete static_cast<Catalogue *>(cat->impl);
   cat->impl = nullptr;
 }
 
-MSG_EXPORT uint32_t msgcount(const msg_catalogue *cat) {
+MSG_EXPORT uint32_t msgcount(const msgcat *cat) {
   if (cat == nullptr || cat->impl == nullptr)
     return 0;
   return static_cast<uint32_t>(static_cast<const Catalogue *>(cat->impl)->entries.size());
 }
 
-MSG_EXPORT uintptr_t msggettext(msg_catalogue *cat, uint32_t msgno, char *dst, size_t dst_size,
+MSG_EXPORT uintptr_t msggettext(msgcat *cat, uint32_t msgno, char *dst, size_t dst_size,
                                 uint64_t *len_out, char *work, uint64_t work_size,
                                 uint32_t *found_out, uint32_t *status_out) {
   if (len_out != nullptr)

@@ -187,10 +187,21 @@ TRC_EXPORT uintptr_t trccompreg(const char *, const char *name, uint32_t, int32_
 TRC_EXPORT uintptr_t trcgetcompid(const char *name) {
   if (name == nullptr || *name == '\0')
     return 0;
+  // Callers ask with the same constant text again and again: remember the
+  // last text this thread found. Slots are never emptied, so a handle once
+  // found stays right for that text as long as the text is unchanged.
+  thread_local const char *last_text = nullptr;
+  thread_local char last_name[kMaxName] = {};
+  thread_local uintptr_t last_handle = 0;
+  if (name == last_text && std::strncmp(name, last_name, kMaxName - 1) == 0)
+    return last_handle;
   size_t i = probe(name);
   if (i == kSlots || g_table[i].load(std::memory_order_acquire) == nullptr)
     return 0;
-  return i + 1;
+  last_text = name;
+  std::strncpy(last_name, name, kMaxName - 1);
+  last_handle = i + 1;
+  return last_handle;
 }
 
 TRC_EXPORT int32_t trcprft(uintptr_t comp, int32_t level, const char *fmt, va_list ap) {
