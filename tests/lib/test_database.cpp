@@ -182,10 +182,11 @@ TEST_F(DbConfig, UnreadableAndOddValues) {
                   : k == "DOMAIN"  ? f->domain
                   : k == "ENABLED" ? nullptr
                                    : f->clu_alias_ip;
-    if (c.want)
+    if (c.want) {
       EXPECT_EQ(c.want, str(field)) << c.key;
-    else if (c.raw)
+    } else if (c.raw) {
       EXPECT_EQ(c.stored, str(field)) << c.key;
+    }
   }
 }
 

@@ -157,8 +157,9 @@ TEST_F(ServicePoints, ServiceWideSetStopsAtTheSecondInstance) {
     EXPECT_EQ(bytes("false"), reg.value(kSrv + ".ENABLED"));
     EXPECT_EQ(bytes("false"), reg.value(srv_inst("sales1") + ".ENABLED"));
     EXPECT_EQ(bytes("true"), reg.value(srv_inst("sales3") + ".ENABLED"));
-    if (!w.remove_key)
+    if (!w.remove_key) {
       EXPECT_EQ(bytes("true"), reg.value(srv_inst("sales2") + ".ENABLED"));
+    }
     EXPECT_EQ(0, fault_held_locks());
     EXPECT_EQ(0, fault_open_keys());
   }

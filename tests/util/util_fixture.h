@@ -67,8 +67,8 @@ public:
            std::string::npos;
   }
   bool has(const std::string &msg) const { return text().find(msg) != std::string::npos; }
-  int count(int level) const {
-    std::string t = text(), needle = " " + std::to_string(level) + ": ";
+  int count(const std::string &comp, int level) const {
+    std::string t = text(), needle = " " + comp + " " + std::to_string(level) + ": ";
     int n = 0;
     for (size_t p = t.find(needle); p != std::string::npos; p = t.find(needle, p + 1))
       ++n;

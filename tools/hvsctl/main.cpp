@@ -2,9 +2,12 @@
 //
 //   hvsctl [--registry LOC] import [--replace] FILE
 //   hvsctl [--registry LOC] export [-o FILE] [KEY]
-//   hvsctl [--registry LOC] dump [KEY]
+//   hvsctl [--registry LOC] dump [KEY [--relative]]
+//   hvsctl [--registry LOC] storage-dependency on|off
+//   hvsctl [--registry LOC] resources
 //
-// Exit codes: 0 done, 1 usage, 2 input file error, 3 registry error.
+// Exit codes: 0 done, 1 usage, 2 input file error, 3 registry error,
+// 4 resource manager error.
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -17,13 +20,20 @@
 
 #include "hvs/backend.h"
 #include "hvsadm.h"
+#include "mp.h"
+#include "command.h"
 #include "registry_file.h"
+#include "rsmgr.h"
+#include "trc.h"
+#include "util/keypath.h"
+#include "util/mvlmd.h"
 
 namespace {
 
 constexpr int kExitUsage = 1;
 constexpr int kExitInput = 2;
 constexpr int kExitRegistry = 3;
+constexpr int kExitResources = 4;
 
 // An open registry handle, closed on scope exit.
 class Registry {
@@ -85,6 +95,18 @@ int do_import(const std::string &file, bool replace) {
   if (!hvsctl::parse_registry_file(file, text, keys, error)) {
     fmt::print(stderr, "{}\n", error);
     return kExitInput;
+  }
+  // The same rule the library's key tools apply: no empty component, no
+  // leading or trailing ".", no component over 255 bytes.
+  for (const auto &k : keys) {
+    if (u_check_keycomp(plinit(nullptr), k.name.c_str()) != 0) {
+      fmt::print(stderr,
+                 "{}:{}: key \"{}\" is not a well-formed key name (empty "
+                 "component, leading or trailing \".\", or a component over "
+                 "{} bytes)\n",
+                 file, k.line, k.name, U_KEYCOMP_MAX);
+      return kExitInput;
+    }
   }
 
   Registry reg;
@@ -181,13 +203,37 @@ int do_export(const std::string &root, const std::string &out_file) {
   return 0;
 }
 
-int do_dump(const std::string &root) {
+// Every key under root by its name relative to root, the root itself by
+// its full name.
+int dump_relative(const std::string &root, const Collected &c) {
+  for (size_t i = 0; i < c.names.size(); ++i) {
+    const std::string &name = c.names[i];
+    std::string rel(name.size() + 1, '\0');
+    std::string shown = name;
+    if (i != 0) {
+      if (u_ator(plinit(nullptr), root.c_str(), name.c_str(), rel.data()) != 0) {
+        fmt::print(stderr, "hvsctl: cannot name key \"{}\" relative to \"{}\"\n",
+                   name, root);
+        return kExitRegistry;
+      }
+      shown = rel.c_str();
+    }
+    if (c.has_value[i])
+      shown += " = " + hvsctl::display_value(c.values[i]);
+    fmt::print("{}\n", shown);
+  }
+  return 0;
+}
+
+int do_dump(const std::string &root, bool relative) {
   Registry reg;
   if (!reg.open(false))
     return kExitRegistry;
   Collected c;
   if (int rc = walk_all(reg, root, c))
     return rc;
+  if (relative)
+    return dump_relative(root, c);
   auto depth = [](std::string_view name) {
     return size_t(std::count(name.begin(), name.end(), '.'));
   };
@@ -202,6 +248,69 @@ int do_dump(const std::string &root) {
       line += " = " + hvsctl::display_value(c.values[i]);
     fmt::print("{}\n", line);
   }
+  return 0;
+}
+
+int do_storage_dependency(bool on) {
+  uintptr_t comp = trccompreg("hvsctl", "HVSCTL", 1024, 0, 0, 0, 0);
+  if (u_mvlmd(nullptr, comp, on ? 1 : 0) != U_MVLMD_OK) {
+    fmt::print(stderr,
+               "hvsctl: the resource manager did not take the dependencies of "
+               "tvn.rsmd (TRC_LEVEL=1 TRC_DEST=stderr shows why)\n");
+    return kExitResources;
+  }
+  fmt::print("tvn.rsmd: storage manager dependency {} (registered, or queued "
+             "if the manager was busy)\n",
+             on ? "on" : "off");
+  return 0;
+}
+
+int do_resources() {
+  void *client = nullptr;
+  int32_t rc = rsmgr_init_rsm(&client, nullptr, nullptr, 0x88);
+  if (rc != RSMGR_OK) {
+    fmt::print(stderr, "hvsctl: cannot open the resource manager store (code {}); "
+                       "set HVS_RSM_STORE or use a sqlite: registry\n", rc);
+    return kExitResources;
+  }
+  struct Row {
+    std::string resource, name, value, when;
+    uint32_t flags;
+  };
+  auto collect = [](void *arg, const char *r, const char *n, const char *v,
+                    uint32_t f, const char *w) {
+    static_cast<std::vector<Row> *>(arg)->push_back({r, n, v, w, f});
+    return 0;
+  };
+  std::vector<Row> applied, queued;
+  rc = rsmgr_store_walk(client, 0, collect, &applied);
+  if (rc == RSMGR_OK)
+    rc = rsmgr_store_walk(client, 1, collect, &queued);
+  std::string store = rsmgr_store_path(client);
+  rsmgr_term_rsm(&client);
+  if (rc != RSMGR_OK) {
+    fmt::print(stderr, "hvsctl: cannot read the resource manager store {}\n", store);
+    return kExitResources;
+  }
+  auto print = [](const char *title, const std::vector<Row> &rows, bool flags) {
+    size_t wr = 8, wn = 9;
+    for (const auto &r : rows) {
+      wr = std::max(wr, r.resource.size());
+      wn = std::max(wn, r.name.size());
+    }
+    fmt::print("{} ({})\n", title, rows.size());
+    for (const auto &r : rows) {
+      if (flags)
+        fmt::print("  {:<{}}  {:<{}}  {}  flags 0x{:x}  {}\n", r.resource, wr,
+                   r.name, wn, r.when, r.flags, r.value);
+      else
+        fmt::print("  {:<{}}  {:<{}}  {}  {}\n", r.resource, wr, r.name, wn,
+                   r.when, r.value);
+    }
+  };
+  fmt::print("store: {}\n", store);
+  print("resources", applied, false);
+  print("queue", queued, true);
   return 0;
 }
 
@@ -230,6 +339,24 @@ int main(int argc, char **argv) {
   std::string dump_key;
   auto *dump = app.add_subcommand("dump", "print the key tree");
   dump->add_option("KEY", dump_key, "subtree to print (default: all)");
+  bool dump_relative = false;
+  dump->add_flag("--relative", dump_relative,
+                 "print full names relative to KEY instead of a tree")
+      ->needs(dump->get_option("KEY"));
+
+  std::string dep_state;
+  auto *dep = app.add_subcommand(
+      "storage-dependency",
+      "register tvn.rsmd with or without its dependency on tvn.vlm");
+  dep->add_option("STATE", dep_state, "on or off")
+      ->required()
+      ->check(CLI::IsMember({"on", "off"}));
+
+  auto *res = app.add_subcommand(
+      "resources", "list the resource manager's resources and queue");
+
+  // The other commands register themselves from their own files.
+  hvsctl::add_families(app);
 
   try {
     app.parse(argc, argv);
@@ -239,9 +366,15 @@ int main(int argc, char **argv) {
   if (!registry.empty())
     ::setenv("HVS_REGISTRY", registry.c_str(), 1);
 
+  if (int rc = hvsctl::run_chosen(); rc >= 0)
+    return rc;
   if (*imp)
     return do_import(import_file, replace);
   if (*exp)
     return do_export(export_key, export_out);
-  return do_dump(dump_key);
+  if (*dep)
+    return do_storage_dependency(dep_state == "on");
+  if (*res)
+    return do_resources();
+  return do_dump(dump_key, dump_relative);
 }

@@ -1,6 +1,7 @@
 /* Enable flags: prsrctl get enabled, prsrctl enable|disable. */
 #include <iostream>
 
+#include "points.h"
 #include "prsrctl.h"
 
 namespace prsrctl {
@@ -36,10 +37,19 @@ int set_db_enabled(const Globals &g, const std::string &db, bool enable) {
 }
 
 void register_flags(CLI::App &app, Globals &g, int &exit_code) {
-  auto *get_enabled = group(app, "get")->add_subcommand("enabled", "Show whether a database is enabled");
+  auto *get_enabled = group(app, "get")->add_subcommand(
+      "enabled", "Show whether a database, instance (-i), service (-s) or service instance "
+                 "(-s -i) is enabled");
   auto db = std::make_shared<std::string>();
+  auto srv = std::make_shared<std::string>();
+  auto inst = std::make_shared<std::string>();
   get_enabled->add_option("-d,--db", *db, "Database name (any case)")->required();
-  get_enabled->callback([&g, &exit_code, db] { exit_code = show_db_enabled(g, *db); });
+  get_enabled->add_option("-s,--service", *srv, "Service name (any case, dots allowed)");
+  get_enabled->add_option("-i,--instance", *inst, "Instance name (any case)");
+  get_enabled->callback([&g, &exit_code, db, srv, inst] {
+    exit_code = srv->empty() && inst->empty() ? show_db_enabled(g, *db)
+                                              : show_point_enabled(g, *db, *srv, *inst);
+  });
 
   for (bool enable : {true, false}) {
     const char *verb = enable ? "enable" : "disable";

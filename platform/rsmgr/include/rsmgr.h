@@ -21,9 +21,10 @@
  *   to rsm_attr at once, replacing earlier values of the same names. Other
  *   bits (0x10 among them) are accepted and not interpreted.
  *
- * Failures for tests: HVS_RSM_FAIL holds comma-separated OP:N items. Each
- * client (from rsmgr_init_rsm to rsmgr_term_rsm) fails the first N calls of
- * OP with RSMGR_ERR_INJECTED; OP is one of
+ * Failures for tests: HVS_RSM_FAIL holds comma-separated OP:N and OP@K
+ * items. Each client (from rsmgr_init_rsm to rsmgr_term_rsm) fails the
+ * first N calls of OP, and the K-th call of OP (counted from 1), with
+ * RSMGR_ERR_INJECTED; OP is one of
  *   init      rsmgr_init_rsm (any N > 0 fails every init)
  *   create    rsmgr_res_create
  *   set_attr  rsmgr_res_set_attr
@@ -31,7 +32,8 @@
  *   append    rsmgr_reslist_append
  *   register  rsmgr_register_resource2, plain and queued calls alike
  * so "register:1" fails the first registration and lets a retry through,
- * and "register:2" fails a registration and its retry. A failed
+ * "register:2" fails a registration and its retry, and "reslist@2" fails
+ * only the second list creation. A failed
  * registration gives each resource in the outcome list the status
  * RSMGR_ERR_INJECTED and the message "injected failure".
  *

@@ -39,9 +39,12 @@ CREATE TABLE IF NOT EXISTS rsm_queue(
 
 enum Op { kCreate, kSetAttr, kResList, kAppend, kRegister, kOpCount };
 
-// Injected failures still to give, per operation.
+// Injected failures, per operation: the first `left` calls fail, and the
+// call numbered `at` (from 1) fails.
 struct FailPlan {
   long left[kOpCount] = {};
+  long at[kOpCount] = {};
+  long calls[kOpCount] = {};
   bool init = false;
 };
 
@@ -55,22 +58,22 @@ FailPlan read_fail_plan() {
   while (pos <= s.size()) {
     size_t comma = s.find(',', pos);
     std::string item = s.substr(pos, comma == std::string::npos ? std::string::npos : comma - pos);
-    size_t colon = item.find(':');
-    if (colon != std::string::npos) {
-      std::string op = item.substr(0, colon);
-      long n = std::strtol(item.c_str() + colon + 1, nullptr, 10);
+    size_t sep = item.find_first_of(":@");
+    if (sep != std::string::npos) {
+      std::string op = item.substr(0, sep);
+      long n = std::strtol(item.c_str() + sep + 1, nullptr, 10);
+      int which = op == "create"     ? kCreate
+                  : op == "set_attr" ? kSetAttr
+                  : op == "reslist"  ? kResList
+                  : op == "append"   ? kAppend
+                  : op == "register" ? kRegister
+                                     : -1;
       if (op == "init")
         plan.init = n > 0;
-      else if (op == "create")
-        plan.left[kCreate] = n;
-      else if (op == "set_attr")
-        plan.left[kSetAttr] = n;
-      else if (op == "reslist")
-        plan.left[kResList] = n;
-      else if (op == "append")
-        plan.left[kAppend] = n;
-      else if (op == "register")
-        plan.left[kRegister] = n;
+      else if (which >= 0 && item[sep] == ':')
+        plan.left[which] = n;
+      else if (which >= 0)
+        plan.at[which] = n;
     }
     if (comma == std::string::npos)
       break;
@@ -88,10 +91,8 @@ struct Client {
       sqlite3_close_v2(db);
   }
   bool inject(Op op) {
-    if (fail.left[op] <= 0)
-      return false;
-    --fail.left[op];
-    return true;
+    long n = ++fail.calls[op];
+    return n <= fail.left[op] || n == fail.at[op];
   }
 };
 

@@ -1,0 +1,330 @@
+// One ZooKeeper session with bounded waits (see zk_session.h).
+#include "zk_session.h"
+
+#include <cerrno>
+#include <chrono>
+#include <cstdlib>
+#include <cstring>
+
+namespace hvs::zk {
+namespace {
+
+long env_number(const char *name, long fallback, long lo, long hi) {
+  const char *v = std::getenv(name);
+  if (v == nullptr || *v == '\0')
+    return fallback;
+  char *end = nullptr;
+  errno = 0;
+  long n = std::strtol(v, &end, 10);
+  if (errno != 0 || *end != '\0' || n < lo || n > hi)
+    return fallback;
+  return n;
+}
+
+void quiet_client_log() {
+  static std::once_flag once;
+  std::call_once(once, [] {
+    // The C client writes to stderr on its own; keep it quiet unless asked.
+    long level = env_number("HVS_ZK_DEBUG", 0, 0, 4);
+    zoo_set_debug_level(static_cast<ZooLogLevel>(level));
+  });
+}
+
+bool plain(unsigned char c) {
+  return (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') ||
+         (c >= '0' && c <= '9') || c == '_' || c == '-';
+}
+
+int hex_value(char c) {
+  if (c >= '0' && c <= '9')
+    return c - '0';
+  if (c >= 'A' && c <= 'F')
+    return c - 'A' + 10;
+  return -1; // lower case is never written, so never read either
+}
+
+// What one asynchronous call hands back to the waiting thread.
+struct Call {
+  std::mutex mu;
+  std::condition_variable cv;
+  bool done = false;
+  int rc = ZOK;
+  bool null = false;
+  std::string data;
+  std::vector<std::string> strings;
+};
+using Holder = std::shared_ptr<Call>;
+
+Holder *hold(const Holder &call) { return new Holder(call); }
+
+template <class Fill> void complete(const void *ctx, int rc, Fill &&fill) {
+  auto *holder = static_cast<Holder *>(const_cast<void *>(ctx));
+  Call &c = **holder;
+  {
+    std::lock_guard lock(c.mu);
+    c.rc = rc;
+    if (rc == ZOK)
+      fill(c);
+    c.done = true;
+  }
+  c.cv.notify_all();
+  delete holder;
+}
+
+void data_done(int rc, const char *value, int len, const Stat *,
+               const void *ctx) {
+  complete(ctx, rc, [&](Call &c) {
+    c.null = value == nullptr || len < 0;
+    if (!c.null)
+      c.data.assign(value, std::size_t(len));
+  });
+}
+
+void strings_done(int rc, const String_vector *sv, const void *ctx) {
+  complete(ctx, rc, [&](Call &c) {
+    if (sv != nullptr)
+      for (int32_t i = 0; i < sv->count; ++i)
+        c.strings.emplace_back(sv->data[i]);
+  });
+}
+
+void string_done(int rc, const char *value, const void *ctx) {
+  complete(ctx, rc, [&](Call &c) {
+    if (value != nullptr)
+      c.data = value;
+  });
+}
+
+void stat_done(int rc, const Stat *, const void *ctx) {
+  complete(ctx, rc, [](Call &) {});
+}
+
+void void_done(int rc, const void *ctx) { complete(ctx, rc, [](Call &) {}); }
+
+} // namespace
+
+Settings Settings::from_env(const std::string &hosts) {
+  Settings s;
+  s.hosts = hosts;
+  s.timeout_ms = int(env_number("HVS_ZK_TIMEOUT_MS", 5000, 100, 600000));
+  s.session_ms = int(env_number("HVS_ZK_SESSION_MS", 10000, 1000, 600000));
+  s.max_packet = std::size_t(
+      env_number("HVS_ZK_MAX_PACKET", 1048575, 4096, 1L << 30));
+  return s;
+}
+
+std::string encode(std::string_view component) {
+  static const char kHex[] = "0123456789ABCDEF";
+  std::string out;
+  out.reserve(component.size());
+  for (char ch : component) {
+    auto c = static_cast<unsigned char>(ch);
+    if (plain(c)) {
+      out.push_back(ch);
+    } else {
+      out.push_back('%');
+      out.push_back(kHex[c >> 4]);
+      out.push_back(kHex[c & 15]);
+    }
+  }
+  return out;
+}
+
+std::string decode(std::string_view node) {
+  std::string out;
+  out.reserve(node.size());
+  for (std::size_t i = 0; i < node.size(); ++i) {
+    if (node[i] != '%') {
+      out.push_back(node[i]);
+      continue;
+    }
+    int hi = i + 2 < node.size() ? hex_value(node[i + 1]) : -1;
+    int lo = hi >= 0 ? hex_value(node[i + 2]) : -1;
+    if (lo < 0)
+      return std::string(node); // not ours: shown as it stands
+    out.push_back(static_cast<char>(hi * 16 + lo));
+    i += 2;
+  }
+  return out;
+}
+
+bool connection_problem(int rc) {
+  return rc == ZCONNECTIONLOSS || rc == ZOPERATIONTIMEOUT ||
+         rc == ZSESSIONEXPIRED || rc == ZINVALIDSTATE || rc == ZCLOSING ||
+         rc == ZSESSIONMOVED;
+}
+
+std::string describe(int rc, const Settings &s) {
+  switch (rc) {
+  case ZCONNECTIONLOSS:
+    return "connection to the ZooKeeper ensemble " + s.hosts + " lost";
+  case ZOPERATIONTIMEOUT:
+    return "no answer from the ZooKeeper ensemble " + s.hosts + " within " +
+           std::to_string(s.timeout_ms) + " ms";
+  case ZSESSIONEXPIRED:
+  case ZINVALIDSTATE:
+    return "ZooKeeper session on " + s.hosts +
+           " expired (the ensemble was out of reach for longer than " +
+           std::to_string(s.session_ms) + " ms)";
+  case ZCLOSING:
+    return "ZooKeeper client for " + s.hosts + " is closing";
+  default:
+    return std::string("ZooKeeper error: ") + zerror(rc) + " (" +
+           std::to_string(rc) + ")";
+  }
+}
+
+void Session::on_event(zhandle_t *, int type, int state, const char *,
+                       void *ctx) {
+  auto *self = static_cast<Session *>(ctx);
+  {
+    std::lock_guard lock(self->mu_);
+    if (type == ZOO_SESSION_EVENT) {
+      self->state_ = state;
+      if (state == ZOO_EXPIRED_SESSION_STATE ||
+          state == ZOO_AUTH_FAILED_STATE)
+        self->expired_ = true;
+    }
+    ++self->events_;
+  }
+  self->cv_.notify_all();
+}
+
+std::shared_ptr<Session> Session::open(const Settings &s, int &rc,
+                                       std::string &why) {
+  quiet_client_log();
+  std::shared_ptr<Session> self(new Session(s));
+  errno = 0;
+  self->zh_ = zookeeper_init(s.hosts.c_str(), &Session::on_event,
+                             s.session_ms, nullptr, self.get(), 0);
+  if (self->zh_ == nullptr) {
+    rc = ZSYSTEMERROR;
+    why = "cannot start a ZooKeeper client for " + s.hosts + ": " +
+          (errno ? std::strerror(errno) : "bad host list");
+    return nullptr;
+  }
+  std::unique_lock lock(self->mu_);
+  bool up = self->cv_.wait_for(
+      lock, std::chrono::milliseconds(s.timeout_ms), [&] {
+        return self->state_ == ZOO_CONNECTED_STATE || self->expired_.load();
+      });
+  if (!up || self->state_ != ZOO_CONNECTED_STATE) {
+    lock.unlock();
+    rc = ZOPERATIONTIMEOUT;
+    why = "no server of the ZooKeeper ensemble " + s.hosts +
+          " answered within " + std::to_string(s.timeout_ms) + " ms";
+    return nullptr;
+  }
+  return self;
+}
+
+Session::~Session() {
+  if (zh_ != nullptr)
+    zookeeper_close(zh_);
+}
+
+int64_t Session::id() const {
+  const clientid_t *cid = zh_ ? zoo_client_id(zh_) : nullptr;
+  return cid ? cid->client_id : 0;
+}
+
+uint64_t Session::events() const {
+  std::lock_guard lock(mu_);
+  return events_;
+}
+
+// Waits for the answer to a call that was submitted with result rc.
+template <class CallT> int Session::finish(int rc, std::shared_ptr<CallT> call) {
+  if (rc != ZOK)
+    return rc; // never submitted: the completion will not run
+  std::unique_lock lock(call->mu);
+  if (!call->cv.wait_for(lock, std::chrono::milliseconds(settings_.timeout_ms),
+                         [&] { return call->done; })) {
+    timed_out_ = true;
+    return ZOPERATIONTIMEOUT;
+  }
+  return call->rc;
+}
+
+// Submits with a holder that the completion frees, or frees it here when the
+// client refused the call outright.
+#define HVS_ZK_SUBMIT(call, expr)                                              \
+  do {                                                                         \
+    Holder *ctx = hold(call);                                                  \
+    int submitted = (expr);                                                    \
+    if (submitted != ZOK)                                                      \
+      delete ctx;                                                              \
+    rc = finish(submitted, call);                                              \
+  } while (0)
+
+int Session::get(const std::string &path, std::string &data, bool &null) {
+  auto call = std::make_shared<Call>();
+  int rc;
+  HVS_ZK_SUBMIT(call, zoo_aget(zh_, path.c_str(), 0, data_done, ctx));
+  if (rc == ZOK) {
+    std::lock_guard lock(call->mu);
+    data = std::move(call->data);
+    null = call->null;
+  }
+  return rc;
+}
+
+int Session::children(const std::string &path, std::vector<std::string> &out) {
+  auto call = std::make_shared<Call>();
+  int rc;
+  HVS_ZK_SUBMIT(call,
+                zoo_aget_children(zh_, path.c_str(), 0, strings_done, ctx));
+  if (rc == ZOK) {
+    std::lock_guard lock(call->mu);
+    out = std::move(call->strings);
+  }
+  return rc;
+}
+
+int Session::create(const std::string &path, const char *data, int len,
+                    int mode, std::string *created) {
+  auto call = std::make_shared<Call>();
+  int rc;
+  HVS_ZK_SUBMIT(call, zoo_acreate(zh_, path.c_str(), data, len,
+                                  &ZOO_OPEN_ACL_UNSAFE, mode, string_done,
+                                  ctx));
+  if (rc == ZOK && created != nullptr) {
+    std::lock_guard lock(call->mu);
+    *created = call->data;
+  }
+  return rc;
+}
+
+int Session::set(const std::string &path, const char *data, int len) {
+  auto call = std::make_shared<Call>();
+  int rc;
+  HVS_ZK_SUBMIT(call,
+                zoo_aset(zh_, path.c_str(), data, len, -1, stat_done, ctx));
+  return rc;
+}
+
+int Session::remove(const std::string &path) {
+  auto call = std::make_shared<Call>();
+  int rc;
+  HVS_ZK_SUBMIT(call, zoo_adelete(zh_, path.c_str(), -1, void_done, ctx));
+  return rc;
+}
+
+int Session::watch_exists(const std::string &path, bool &exists) {
+  auto call = std::make_shared<Call>();
+  int rc;
+  HVS_ZK_SUBMIT(call, zoo_aexists(zh_, path.c_str(), 1, stat_done, ctx));
+  exists = rc == ZOK;
+  return rc == ZNONODE ? ZOK : rc;
+}
+
+int Session::multi(int count, const zoo_op_t *ops, zoo_op_result_t *results) {
+  auto call = std::make_shared<Call>();
+  int rc;
+  HVS_ZK_SUBMIT(call, zoo_amulti(zh_, count, ops, results, void_done, ctx));
+  return rc;
+}
+
+#undef HVS_ZK_SUBMIT
+
+} // namespace hvs::zk

@@ -1,0 +1,253 @@
+/* The point operations under failure and across processes: every
+ * allocation, registry call and lock call failed in turn; the lock modes
+ * against a holder in another process; a service flipped by some
+ * processes while others look at it. */
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <functional>
+#include <vector>
+
+#include "lks.h"
+#include "points_fixture.h"
+#include "registry/registry.h"
+
+using namespace prsrtest;
+
+namespace {
+struct PointFaults : ::testing::Test {
+  Registry reg;
+  void SetUp() override {
+    sample_service(reg);
+    reg.text(kSrv + ".FOVPOLICY", std::string(100, 'x')); /* a second read */
+  }
+};
+
+using Op = std::function<int32_t()>;
+struct Sweep {
+  const char *what;
+  std::initializer_list<int32_t> allowed;
+  Op op;
+};
+} // namespace
+
+TEST_F(PointFaults, EveryFailureLeavesNothingBehind) {
+  Session s;
+  auto *st = s.status();
+  auto *c = s.ctx();
+  uint32_t w = 0;
+  char buf[64];
+  const std::initializer_list<int32_t> get = {PRSR_ERR_MEMORY, PRSR_ERR_REGISTRY};
+  const std::initializer_list<int32_t> set = {PRSR_ERR_MEMORY, PRSR_ERR_REGISTRY, PRSR_ERR_LOCK};
+  Sweep sweeps[] = {
+      {"get_service_enabled", get, [&] { return prsr_get_service_enabled(st, c, "Sales", "Sales.East", &w); }},
+      /* The service's own flag may fail without failing the call. */
+      {"set_service_enabled", {PRSR_SUCCESS, PRSR_ERR_MEMORY, PRSR_ERR_REGISTRY, PRSR_ERR_LOCK},
+       [&] { return prsr_set_service_enabled(st, c, "Sales", "Sales.East", 1); }},
+      {"get_service_instance_enabled", get,
+       [&] { return prsr_get_service_instance_enabled(st, c, "Sales", "Sales.East", "Sales1", &w); }},
+      {"set_service_instance_enabled", set,
+       [&] { return prsr_set_service_instance_enabled(st, c, "Sales", "Sales.East", "Sales1", 1); }},
+      {"get_service_instance_supported", get,
+       [&] { return prsr_get_service_instance_supported(st, c, "Sales", "Sales.East", "Sales1", &w); }},
+      /* An unreadable policy is no policy; 18 is the injected code on the
+       * second read. */
+      {"get_service_fov_policy", {PRSR_SUCCESS, PRSR_ERR_MEMORY, 18},
+       [&] { return prsr_get_service_fov_policy(st, c, "Sales", "Sales.East", &w); }},
+      {"get_db_role", get, [&] { return prsr_get_db_role(st, c, "Sales", &w); }},
+      {"set_db_role", set, [&] { return prsr_set_db_role(st, c, "Sales", 1); }},
+      {"get_instance_enabled", get, [&] { return prsr_get_instance_enabled(st, c, "Sales", "Sales1", &w); }},
+      {"set_instance_enabled", set, [&] { return prsr_set_instance_enabled(st, c, "Sales", "Sales1", 1); }},
+      {"get_instance_name", get,
+       [&] { return prsr_get_instance_name(st, c, "Sales", "Sales1", sizeof buf, buf); }},
+      {"get_spname", get, [&] { return prsr_get_spname(st, c, "Sales", sizeof buf, buf); }},
+      {"get_node_instance_name", set,
+       [&] { return prsr_get_node_instance_name(st, c, "Sales", "node2", sizeof buf, buf); }},
+      {"get_domain", get,
+       [&] {
+         char *d = nullptr;
+         int32_t rc = prsr_get_domain(st, c, "Sales", &d);
+         if (rc == PRSR_SUCCESS)
+           prsr_free_domain(c, d);
+         else if (d != nullptr)
+           return -1; /* a failed read hands nothing out */
+         return rc;
+       }},
+  };
+  for (auto &sw : sweeps)
+    for (Fault kind : {Fault::Alloc, Fault::Registry, Fault::Lock}) {
+      long fired = sweep(sw.what, kind, sw.allowed, sw.op);
+      if (kind != Fault::Lock) {
+        EXPECT_GT(fired, 0) << sw.what;
+      }
+    }
+  /* Failed writes left whole values behind. */
+  EXPECT_EQ(bytes("true"), reg.value(kSrv + ".ENABLED"));
+  EXPECT_EQ(bytes("PHYSICAL_STANDBY"), reg.value("DATABASE.DATABASES.sales.ROLE"));
+}
+
+namespace {
+
+/* A lock held by another process until release() is called. */
+class ForeignLock {
+public:
+  ForeignLock(const char *name, bool shared) {
+    if (pipe(to_child_) != 0 || pipe(to_parent_) != 0)
+      return;
+    pid_ = fork();
+    if (pid_ == 0) {
+      lks_status st{};
+      void *h = nullptr;
+      lks_version v{2, 1};
+      lks_init_params p{};
+      p.metactx = plinit(nullptr);
+      p.alloc = &u_allocm;
+      p.release = &u_freem;
+      p.flags = 192;
+      char ch = 'x';
+      if (lkssinit(&st, &h, &v, &p, 272) != 0 ||
+          (shared ? lksshrlock(&st, h, name) : lksmutexlock(&st, h, name)) != 0)
+        ch = 'e';
+      if (write(to_parent_[1], &ch, 1) != 1 || read(to_child_[0], &ch, 1) != 1)
+        _exit(2);
+      lksunlock(&st, h, name);
+      _exit(0);
+    }
+    char ch = 0;
+    held_ = pid_ > 0 && read(to_parent_[0], &ch, 1) == 1 && ch == 'x';
+  }
+  ~ForeignLock() { release(); }
+  bool held() const { return held_; }
+  void release() {
+    if (pid_ <= 0)
+      return;
+    if (write(to_child_[1], "g", 1) != 1)
+      kill(pid_, SIGKILL);
+    int wst = 0;
+    waitpid(pid_, &wst, 0);
+    pid_ = -1;
+  }
+
+private:
+  int to_child_[2] = {-1, -1}, to_parent_[2] = {-1, -1};
+  pid_t pid_ = -1;
+  bool held_ = false;
+};
+
+} // namespace
+
+/* Which writers a shared and an exclusive holder of the database's lock
+ * keep out, and that the refused ones change nothing. */
+TEST_F(PointFaults, LockModesAgainstAnotherProcess) {
+  struct {
+    const char *op;
+    int32_t beside_shared, beside_exclusive;
+  } expect[] = {{"set_service_enabled", PRSR_ERR_LOCK, PRSR_ERR_LOCK},
+                {"set_service_instance_enabled", PRSR_SUCCESS, PRSR_ERR_LOCK},
+                {"set_db_role", PRSR_SUCCESS, PRSR_ERR_LOCK},
+                {"set_instance_enabled", PRSR_ERR_LOCK, PRSR_ERR_LOCK},
+                {"get_node_instance_name", PRSR_SUCCESS, PRSR_ERR_LOCK},
+                {"get_service_enabled", PRSR_SUCCESS, PRSR_SUCCESS}};
+  for (bool shared : {true, false}) {
+    SCOPED_TRACE(shared ? "shared holder" : "exclusive holder");
+    sample_service(reg);
+    ForeignLock holder("FLTM.DATABASE.DATABASES.sales", shared);
+    ASSERT_TRUE(holder.held());
+    Session s;
+    char buf[64];
+    uint32_t w = 0;
+    std::function<int32_t()> ops[] = {
+        [&] { return prsr_set_service_enabled(s.status(), s.ctx(), "sales", "sales.east", 0); },
+        [&] { return prsr_set_service_instance_enabled(s.status(), s.ctx(), "sales", "sales.east", "sales2", 1); },
+        [&] { return prsr_set_db_role(s.status(), s.ctx(), "sales", 2); },
+        [&] { return prsr_set_instance_enabled(s.status(), s.ctx(), "sales", "sales1", 0); },
+        [&] { return prsr_get_node_instance_name(s.status(), s.ctx(), "sales", "node1", 64, buf); },
+        [&] { return prsr_get_service_enabled(s.status(), s.ctx(), "sales", "sales.east", &w); },
+    };
+    for (size_t i = 0; i < std::size(ops); ++i)
+      EXPECT_EQ(shared ? expect[i].beside_shared : expect[i].beside_exclusive, ops[i]())
+          << expect[i].op;
+    EXPECT_EQ(bytes(shared ? "LOGICAL_STANDBY" : "PRIMARY"), reg.value("DATABASE.DATABASES.sales.ROLE"));
+    EXPECT_EQ(bytes(shared ? "true" : "false"), reg.value(srv_inst("sales2") + ".ENABLED"));
+    EXPECT_EQ(bytes("true"), reg.value(kSrv + ".ENABLED"));
+    EXPECT_EQ(bytes("true"), reg.value("DATABASE.DATABASES.sales.INSTANCE.sales1.ENABLED"));
+    EXPECT_EQ(0, fault_held_locks());
+  }
+}
+
+/* Writers in some processes flip the service on and off while readers in
+ * others look under the shared lock: a reader never sees the service's
+ * flag differ from one of its instances' flags. */
+TEST_F(PointFaults, ServiceFlipSeenWholeAcrossProcesses) {
+  for (const char *i : {"sales1", "sales2", "sales3"})
+    reg.text(srv_inst(i) + ".ENABLED", "true");
+  reg.text("DATABASE.DATABASES.sales.SERVICE.sales*east.ENABLED", "true");
+  setenv("LKS_TIMEOUT_MS", "5000", 1);
+  constexpr int kRounds = 25;
+
+  auto writer = [](int seed) {
+    lks_status st{};
+    prsr_ctx *ctx = nullptr;
+    if (prsr_init(&st, &ctx) != PRSR_SUCCESS)
+      _exit(2);
+    int done = 0;
+    for (int r = 0; r < kRounds; ++r) {
+      int32_t rc = prsr_set_service_enabled(&st, ctx, "SALES", "Sales.East", (r + seed) % 2);
+      if (rc == PRSR_SUCCESS)
+        ++done;
+      else if (rc != PRSR_ERR_LOCK)
+        _exit(3);
+    }
+    prsr_terminate(&st, ctx);
+    _exit(done > 0 ? 0 : 4);
+  };
+  auto reader = [] {
+    lks_status st{};
+    prsr_ctx *ctx = nullptr;
+    if (prsr_init(&st, &ctx) != PRSR_SUCCESS)
+      _exit(2);
+    int seen = 0;
+    for (int r = 0; r < kRounds; ++r) {
+      char *lock = nullptr;
+      if (prsr_lock_branch(&st, ctx, "sales", 1, &lock) != PRSR_SUCCESS)
+        continue;
+      ++seen;
+      uint32_t service = 9, inst = 9;
+      bool same = prsr_get_service_enabled(&st, ctx, "sales", "sales.east", &service) == 0;
+      for (const char *i : {"sales1", "sales2", "sales3"})
+        same = same &&
+               prsr_get_service_instance_enabled(&st, ctx, "sales", "sales.east", i, &inst) == 0 &&
+               inst == service;
+      prsr_unlock_branch(ctx, lock);
+      if (!same)
+        _exit(1);
+    }
+    prsr_terminate(&st, ctx);
+    _exit(seen > 0 ? 0 : 4);
+  };
+
+  std::vector<pid_t> kids;
+  for (int k = 0; k < 4; ++k) {
+    pid_t pid = fork();
+    ASSERT_GE(pid, 0);
+    if (pid == 0) {
+      if (k % 2 == 0)
+        writer(k / 2);
+      else
+        reader();
+    }
+    kids.push_back(pid);
+  }
+  for (size_t k = 0; k < kids.size(); ++k) {
+    int wst = 0;
+    waitpid(kids[k], &wst, 0);
+    EXPECT_TRUE(WIFEXITED(wst)) << "process " << k;
+    EXPECT_EQ(0, WEXITSTATUS(wst)) << (k % 2 == 0 ? "writer " : "reader ") << k
+                                   << " (1: a torn view, 3: a failed write, 4: never got through)";
+  }
+  setenv("LKS_TIMEOUT_MS", "300", 1);
+  /* The last writes left a whole state as well. */
+  auto v = reg.value(kSrv + ".ENABLED");
+  for (const char *i : {"sales1", "sales2", "sales3"})
+    EXPECT_EQ(v, reg.value(srv_inst(i) + ".ENABLED")) << i;
+}

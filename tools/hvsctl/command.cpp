@@ -1,0 +1,191 @@
+#include "command.h"
+
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+#include <fstream>
+#include <sstream>
+#include <unistd.h>
+
+#include <fmt/format.h>
+#include <nlohmann/json.hpp>
+
+#include "hvsadm.h"
+#include "registry_file.h"
+
+namespace hvsctl {
+
+namespace {
+std::vector<Command> &chosen_list() {
+  static std::vector<Command> list;
+  return list;
+}
+} // namespace
+
+std::vector<Registrar> &families() {
+  static std::vector<Registrar> list;
+  return list;
+}
+
+void add_families(CLI::App &app) {
+  for (Registrar r : families())
+    r(app, chosen_list());
+}
+
+int run_chosen() {
+  for (const Command &c : chosen_list())
+    if (c.sub->parsed())
+      return c.run();
+  return -1;
+}
+
+void manual(CLI::App *sub, const std::string &text) {
+  sub->footer(text);
+}
+
+Client::~Client() {
+  if (h_ != nullptr)
+    hvsapi_terminate(h_);
+}
+
+bool Client::open(bool create) {
+  char msg[1024] = "";
+  uint64_t len = sizeof msg;
+  int32_t rc = hvsadm_open(&h_, create ? 1 : 0, msg, &len);
+  if (rc != HVS_OK) {
+    h_ = nullptr;
+    fmt::print(stderr, "hvsctl: cannot open the registry: {} (code {})\n", msg,
+               rc);
+    return false;
+  }
+  return true;
+}
+
+std::string Client::location() const {
+  const char *loc = h_ != nullptr ? hvsapi_location(h_) : nullptr;
+  return loc != nullptr ? loc : "(no registry)";
+}
+
+std::string Client::last_error() const {
+  uint32_t code = 0;
+  char msg[1024] = "";
+  uint32_t len = sizeof msg;
+  hvsapi_get_last_error(h_, &code, msg, &len);
+  return msg;
+}
+
+int Client::fail(const std::string &what) const {
+  fmt::print(stderr, "hvsctl: {}: {}\n", what, last_error());
+  return kRegistry;
+}
+
+int load_live(Client &client, const std::string &root, Tree &out) {
+  auto cb = [](void *arg, const char *name, const void *value, uint32_t len,
+               int has_value) -> int {
+    Entry e;
+    e.name = name;
+    e.has_value = has_value != 0;
+    if (has_value != 0 && len > 0)
+      e.bytes.assign(static_cast<const char *>(value), len);
+    static_cast<Tree *>(arg)->push_back(std::move(e));
+    return 0;
+  };
+  out.clear();
+  int32_t rc = hvsadm_walk(client.get(), root.c_str(), cb, &out);
+  if (rc == HVS_ERR_NO_KEY) {
+    fmt::print(stderr, "hvsctl: key \"{}\" does not exist in {}\n", root,
+               client.location());
+    return kNotFound;
+  }
+  if (rc != HVS_OK)
+    return client.fail(root.empty()
+                           ? std::string("cannot read the registry")
+                           : fmt::format("cannot read key \"{}\"", root));
+  return kOk;
+}
+
+bool read_text(const std::string &path, std::string &text) {
+  std::ifstream in(path, std::ios::binary);
+  if (!in)
+    return false;
+  std::ostringstream s;
+  s << in.rdbuf();
+  text = s.str();
+  return !in.bad();
+}
+
+int load_file(const std::string &path, Tree &out, std::string *meta) {
+  std::string text;
+  if (!read_text(path, text)) {
+    fmt::print(stderr, "hvsctl: cannot read {}: {}\n", path,
+               std::strerror(errno));
+    return kInput;
+  }
+  if (meta != nullptr)
+    meta->clear();
+  // A backup is an export with a "backup" member and its own format name;
+  // its keys are checked by the same reader as an export's.
+  nlohmann::json doc = nlohmann::json::parse(text, nullptr, false);
+  if (doc.is_object() && doc.value("format", "") == "hvs-backup") {
+    if (!doc.contains("backup") || !doc["backup"].is_object()) {
+      fmt::print(stderr, "{}:1: backup without its \"backup\" member\n", path);
+      return kInput;
+    }
+    if (meta != nullptr)
+      *meta = doc["backup"].dump();
+    doc.erase("backup");
+    doc["format"] = kFormatName;
+    text = doc.dump(1);
+  }
+  std::vector<FileKey> keys;
+  std::string error;
+  if (!parse_registry_file(path, text, keys, error)) {
+    fmt::print(stderr, "{}\n", error);
+    return kInput;
+  }
+  out.clear();
+  out.reserve(keys.size());
+  for (auto &k : keys)
+    out.push_back(Entry{std::move(k.name), k.has_value, std::move(k.bytes)});
+  return kOk;
+}
+
+int write_atomically(const std::string &path, const std::string &text) {
+  std::string tmp = fmt::format("{}.tmp.{}", path, ::getpid());
+  {
+    std::ofstream out(tmp, std::ios::binary | std::ios::trunc);
+    out.write(text.data(), std::streamsize(text.size()));
+    out.flush();
+    if (!out) {
+      fmt::print(stderr, "hvsctl: cannot write {}: {}\n", tmp,
+                 std::strerror(errno));
+      std::remove(tmp.c_str());
+      return kInput;
+    }
+  }
+  if (std::rename(tmp.c_str(), path.c_str()) != 0) {
+    fmt::print(stderr, "hvsctl: cannot write {}: {}\n", path,
+               std::strerror(errno));
+    std::remove(tmp.c_str());
+    return kInput;
+  }
+  return kOk;
+}
+
+std::string render_file(const Tree &tree, const char *format,
+                        const std::string &extra_members) {
+  std::string text = fmt::format("{{\"format\": \"{}\", \"version\": {}, ",
+                                 format, kFormatVersion);
+  if (!extra_members.empty())
+    text += extra_members + ",\n";
+  text += "\"keys\": [\n";
+  for (size_t i = 0; i < tree.size(); ++i) {
+    text += "  ";
+    text += key_line(tree[i].name, tree[i].has_value, tree[i].bytes);
+    text += i + 1 < tree.size() ? ",\n" : "\n";
+  }
+  text += "]}\n";
+  return text;
+}
+
+} // namespace hvsctl

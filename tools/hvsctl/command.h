@@ -1,0 +1,98 @@
+// What the command files of hvsctl share: the exit codes, self-registering
+// command families, a registry handle for one command, and the key tree of a
+// file or of the live registry as one list.
+#ifndef HVSCTL_COMMAND_H
+#define HVSCTL_COMMAND_H
+
+#include <functional>
+#include <string>
+#include <vector>
+
+#include <CLI/CLI.hpp>
+
+namespace hvsctl {
+
+// Exit codes of every command (docs/hvsctl.md).
+enum Exit : int {
+  kOk = 0,
+  kUsage = 1,      // bad command line
+  kInput = 2,      // a file problem, or a request in conflict with the registry
+  kRegistry = 3,   // the registry cannot be opened or failed
+  kLock = 4,       // a configuration lock was refused
+  kFindings = 5,   // check found problems, diff found differences
+  kNotFound = 7,   // the key does not exist
+};
+
+// A command family adds its subcommands to the application and returns, for
+// each, what to run when that subcommand was chosen. The runner is called
+// after the command line is parsed and --registry applied.
+using Runner = std::function<int()>;
+struct Command {
+  CLI::App *sub;
+  Runner run;
+};
+using Registrar = void (*)(CLI::App &app, std::vector<Command> &out);
+std::vector<Registrar> &families();
+struct Family {
+  explicit Family(Registrar r) { families().push_back(r); }
+};
+
+// Called by main: adds every family's subcommands, and later runs the chosen
+// one. run_chosen() returns -1 when the chosen subcommand is not a family's.
+void add_families(CLI::App &app);
+int run_chosen();
+
+// A man-page-like footer for a subcommand's --help.
+void manual(CLI::App *sub, const std::string &text);
+
+// An open registry client, closed on destruction.
+class Client {
+public:
+  Client() = default;
+  ~Client();
+  Client(const Client &) = delete;
+  Client &operator=(const Client &) = delete;
+
+  // False after printing why the registry cannot be opened.
+  bool open(bool create = false);
+  void *get() const { return h_; }
+  std::string location() const;
+  std::string last_error() const;
+  // Prints "hvsctl: WHAT: cause" and returns kRegistry.
+  int fail(const std::string &what) const;
+
+private:
+  void *h_ = nullptr;
+};
+
+// One key with its value, as a walk or a file gives it.
+struct Entry {
+  std::string name;
+  bool has_value = false;
+  std::string bytes;
+};
+using Tree = std::vector<Entry>; // parents before their children
+
+// The whole live registry (or the subtree under root). Returns an exit code.
+int load_live(Client &client, const std::string &root, Tree &out);
+
+// A registry file (export) or a backup file; meta receives the backup's
+// "backup" object as JSON text ("" for a plain export). Returns an exit code
+// after printing the problem as FILE:LINE: problem.
+int load_file(const std::string &path, Tree &out, std::string *meta = nullptr);
+
+// The text of a file; false with errno set when it cannot be read.
+bool read_text(const std::string &path, std::string &text);
+
+// Writes text to path through a temporary file and a rename, so a reader
+// never sees half a file. Returns an exit code after printing the problem.
+int write_atomically(const std::string &path, const std::string &text);
+
+// The export format of a tree (what `hvsctl export` writes), with extra
+// top-level members placed before "keys".
+std::string render_file(const Tree &tree, const char *format,
+                        const std::string &extra_members = "");
+
+} // namespace hvsctl
+
+#endif
