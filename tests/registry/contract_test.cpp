@@ -36,10 +36,19 @@ class Contract : public ::testing::TestWithParam<std::string> {
 protected:
   void SetUp() override {
     static std::atomic<int> counter{0};
-    loc_ = GetParam() == "sqlite"
-               ? "sqlite:" + dir_.file("registry.db")
-               : "mem:contract-" + std::to_string(::getpid()) + "-" +
-                     std::to_string(++counter);
+    if (GetParam() == "zk") {
+      // A fresh root on the test ensemble for every test.
+      const char *zk = std::getenv("HVS_TEST_ZK");
+      if (zk == nullptr || *zk == '\0')
+        GTEST_SKIP() << "HVS_TEST_ZK is not set (scripts/zk.sh start)";
+      loc_ = std::string("zk://") + zk + "/prsr-test/contract-" +
+             std::to_string(::getpid()) + "-" + std::to_string(++counter);
+    } else {
+      loc_ = GetParam() == "sqlite"
+                 ? "sqlite:" + dir_.file("registry.db")
+                 : "mem:contract-" + std::to_string(::getpid()) + "-" +
+                       std::to_string(++counter);
+    }
     env_ = std::make_unique<RegistryEnv>(loc_);
     ASSERT_EQ(HVS_OK, hvsadm_open(&adm_, 1, nullptr, nullptr));
     char msg[256] = "";
@@ -47,8 +56,13 @@ protected:
     ASSERT_EQ(HVS_OK, hvsapi_init_ext(&h_, 3, msg, &len, 0)) << msg;
   }
   void TearDown() override {
-    hvsapi_terminate(h_);
-    hvsapi_terminate(adm_);
+    if (h_ != nullptr)
+      hvsapi_terminate(h_);
+    if (adm_ != nullptr) {
+      if (GetParam() == "zk") // the ensemble outlives the test
+        hvsadm_delete_key(adm_, "", 1);
+      hvsapi_terminate(adm_);
+    }
   }
 
   void create(const std::string &name) {
@@ -369,7 +383,7 @@ TEST_P(Contract, OneHandleServesManyThreads) {
 }
 
 INSTANTIATE_TEST_SUITE_P(Engines, Contract,
-                         ::testing::Values("sqlite", "mem"),
+                         ::testing::Values("sqlite", "mem", "zk"),
                          [](const auto &param_info) { return param_info.param; });
 
 // Opening fails cleanly, with a message that names the location and the

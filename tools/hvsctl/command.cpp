@@ -40,7 +40,7 @@ int run_chosen() {
 }
 
 void manual(CLI::App *sub, const std::string &text) {
-  sub->footer(text);
+  sub->footer(text + "\n");
 }
 
 Client::~Client() {

@@ -8,7 +8,7 @@
 
 /* The classifier is internal to the library, which exports only its client
  * interface; it needs nothing of the library, so it is built in here. */
-#include "../../src/nodeconfig/netclass.cpp"
+#include "nodeconfig/nodeconfig.h"
 
 namespace prsrctl {
 namespace {

@@ -1,7 +1,564 @@
-// The ZooKeeper engine. Not built yet: a zk:// location is reported as
-// unreachable. The engine goes here, as a Backend subclass returned by
-// open_zookeeper(); its build switch is PRSR_WITH_ZOOKEEPER.
+// The ZooKeeper engine. Under the location's root (zk://hosts/ROOT):
+//
+//   ROOT              data "hvs-registry 1": the format marker
+//   ROOT/keys         the registry's root key; one znode per key component
+//                     below it, each component percent-encoded (zk_session.h)
+//   ROOT/locks        the lock service's request nodes (liblks)
+//
+// A key's value is its znode's data: null data is "no value", 0 bytes an
+// empty value. The type is not stored: a value that ends in a NUL reads as
+// text, any other as binary, which is what the client layer writes.
+//
+// Transactions collect their writes and send them at commit as one multi-op
+// request, so they land together or not at all. Inside a transaction the
+// writes are checked against the stored tree as the transaction sees it
+// (its own creations and deletions included), so a create of an existing
+// key or under a missing parent fails at once, as on SQLite; reads go to the
+// ensemble and do not see the pending writes.
 #include "hvs/backend.h"
+
+#ifdef HVS_WITH_ZOOKEEPER
+
+#include <algorithm>
+#include <set>
+
+#include "zk_session.h"
+
+namespace hvs {
+namespace {
+
+constexpr std::string_view kMarker = "hvs-registry ";
+constexpr int kFormatVersion = 1;
+// Room for a request's header and path besides a value.
+constexpr std::size_t kRequestOverhead = 128;
+// Deletions of a large subtree go out in batches of this many znodes.
+constexpr std::size_t kDeleteBatch = 1000;
+
+bool within(std::string_view name, std::string_view top) {
+  if (top.empty())
+    return true;
+  return name == top ||
+         (name.size() > top.size() && name.starts_with(top) &&
+          name[top.size()] == '.');
+}
+
+uint32_t type_of(std::string_view v) {
+  return !v.empty() && v.back() == '\0' ? HVS_TYPE_TEXT : HVS_TYPE_BINARY;
+}
+
+class ZkBackend final : public Backend {
+public:
+  ZkBackend(const Location &loc, zk::Settings s)
+      : loc_(loc.text), root_(loc.root), keys_(loc.root + "/keys"),
+        settings_(std::move(s)) {}
+
+  ~ZkBackend() override = default;
+  ZkBackend(const ZkBackend &) = delete;
+  ZkBackend &operator=(const ZkBackend &) = delete;
+
+  // Connects and checks (or, with create, lays out) the registry's root.
+  Status start(bool create) {
+    Status st = ensure();
+    if (!st.ok())
+      return st;
+    std::string marker;
+    bool null = true;
+    int rc = session_->get(root_, marker, null);
+    if (rc == ZOK && !null && marker.starts_with(kMarker)) {
+      int version = std::atoi(marker.c_str() + kMarker.size());
+      if (version > kFormatVersion)
+        return Status::failure(HVS_ERR_VERSION,
+                               loc_ + ": registry format " +
+                                   std::to_string(version) +
+                                   " is newer than this client reads (" +
+                                   std::to_string(kFormatVersion) + ")");
+    } else if (rc != ZOK && rc != ZNONODE) {
+      return fail(rc, "cannot read the registry root " + root_);
+    }
+    std::string ignored;
+    rc = session_->get(keys_, ignored, null);
+    if (rc == ZOK)
+      return {};
+    if (rc != ZNONODE)
+      return fail(rc, "cannot read the registry root " + keys_);
+    if (!create)
+      return Status::failure(HVS_ERR_UNREACHABLE,
+                             loc_ + ": no registry under " + root_ +
+                                 " on the ZooKeeper ensemble " +
+                                 settings_.hosts +
+                                 " (hvsctl import creates one)");
+    return lay_out();
+  }
+
+  Status open_key(std::string_view name, KeyData &out) override {
+    Status st = ensure();
+    if (!st.ok())
+      return st;
+    std::string data;
+    bool null = true;
+    int rc = session_->get(path_of(name), data, null);
+    if (rc == ZNONODE)
+      return no_key(name);
+    if (rc != ZOK)
+      return fail(rc, "open of key " + std::string(name));
+    out.id = 0;
+    out.path = std::string(name);
+    out.has_value = !name.empty() && !null;
+    out.value = out.has_value ? std::move(data) : std::string();
+    out.type = type_of(out.value);
+    return {};
+  }
+
+  Status set_value(const KeyData &key, uint32_t, std::string_view bytes) override {
+    if (key.path.empty())
+      return Status::failure(HVS_ERR_ARGUMENT,
+                             loc_ + ": the root holds no value");
+    if (Status st = fits(key.path, bytes); !st.ok())
+      return st;
+    if (Status st = ensure(); !st.ok())
+      return st;
+    int rc = session_->set(path_of(key.path), bytes.data() ? bytes.data() : "",
+                           int(bytes.size()));
+    if (rc == ZNONODE)
+      return Status::failure(HVS_ERR_NO_KEY,
+                             loc_ + ": the key was deleted meanwhile");
+    if (rc != ZOK)
+      return fail(rc, "write of key " + key.path);
+    return {};
+  }
+
+  Status children(const KeyData &key, std::vector<std::string> &out) override {
+    out.clear();
+    if (Status st = ensure(); !st.ok())
+      return st;
+    std::vector<std::string> nodes;
+    int rc = session_->children(path_of(key.path), nodes);
+    if (rc == ZNONODE)
+      return no_key(key.path);
+    if (rc != ZOK)
+      return fail(rc, "listing of subkeys of " + shown(key.path));
+    out.reserve(nodes.size());
+    for (const auto &n : nodes)
+      out.push_back(zk::decode(n));
+    // The ensemble lists children in no particular order.
+    std::sort(out.begin(), out.end());
+    return {};
+  }
+
+  Status create_key(std::string_view name, bool has_value, uint32_t,
+                    std::string_view bytes) override {
+    if (has_value)
+      if (Status st = fits(name, bytes); !st.ok())
+        return st;
+    if (Status st = ensure(); !st.ok())
+      return st;
+    if (in_tx_)
+      return tx_create(name, has_value, bytes);
+    int rc = session_->create(path_of(name), has_value ? data_of(bytes) : nullptr,
+                              has_value ? int(bytes.size()) : -1, 0);
+    if (rc == ZNONODE)
+      return no_parent(name);
+    if (rc == ZNODEEXISTS)
+      return exists(name);
+    if (rc != ZOK)
+      return fail(rc, "creation of key " + std::string(name));
+    return {};
+  }
+
+  Status put_value(std::string_view name, bool has_value, uint32_t,
+                   std::string_view bytes) override {
+    if (has_value)
+      if (Status st = fits(name, bytes); !st.ok())
+        return st;
+    if (Status st = ensure(); !st.ok())
+      return st;
+    if (in_tx_)
+      return tx_put(name, has_value, bytes);
+    int rc = session_->set(path_of(name), has_value ? data_of(bytes) : nullptr,
+                           has_value ? int(bytes.size()) : -1);
+    if (rc == ZNONODE)
+      return no_key(name);
+    if (rc != ZOK)
+      return fail(rc, "write of key " + std::string(name));
+    return {};
+  }
+
+  Status delete_key(std::string_view name, bool recursive) override {
+    if (name.empty() && !recursive)
+      return Status::failure(HVS_ERR_NOT_EMPTY,
+                             loc_ + ": the root cannot be deleted");
+    if (Status st = ensure(); !st.ok())
+      return st;
+    if (in_tx_)
+      return tx_delete(name, recursive);
+    if (!recursive) {
+      int rc = session_->remove(path_of(name));
+      if (rc == ZNONODE)
+        return no_key(name);
+      if (rc == ZNOTEMPTY)
+        return Status::failure(HVS_ERR_NOT_EMPTY, loc_ + ": key " +
+                                                      std::string(name) +
+                                                      " has subkeys");
+      if (rc != ZOK)
+        return fail(rc, "deletion of key " + std::string(name));
+      return {};
+    }
+    std::vector<std::string> doomed;
+    Status st = subtree(name, doomed);
+    if (!st.ok())
+      return st;
+    // Children come before their parents, so every batch leaves a tree.
+    for (std::size_t at = 0; at < doomed.size(); at += kDeleteBatch) {
+      std::size_t n = std::min(kDeleteBatch, doomed.size() - at);
+      std::vector<zoo_op_t> ops(n);
+      std::vector<zoo_op_result_t> results(n);
+      std::vector<std::string> paths(n);
+      for (std::size_t i = 0; i < n; ++i) {
+        paths[i] = path_of(doomed[at + i]);
+        zoo_delete_op_init(&ops[i], paths[i].c_str(), -1);
+      }
+      int rc = session_->multi(int(n), ops.data(), results.data());
+      if (rc != ZOK) {
+        if (zk::connection_problem(rc))
+          session_.reset(); // no late answer may land in results
+        return fail(rc, "deletion of key " + shown(name));
+      }
+    }
+    return {};
+  }
+
+  Status begin() override {
+    if (in_tx_)
+      return Status::failure(HVS_ERR_ARGUMENT,
+                             loc_ + ": a transaction is open already");
+    in_tx_ = true;
+    return {};
+  }
+
+  Status commit() override {
+    if (!in_tx_)
+      return Status::failure(HVS_ERR_ARGUMENT,
+                             loc_ + ": commit without a transaction");
+    std::vector<Op> ops = std::move(tx_);
+    clear_tx();
+    if (ops.empty())
+      return {};
+    std::size_t bytes = kRequestOverhead;
+    for (const auto &op : ops)
+      bytes += op.path.size() + op.bytes.size() + 32;
+    if (bytes > settings_.max_packet)
+      return Status::failure(
+          HVS_ERR_TOO_LARGE,
+          loc_ + ": transaction of " + std::to_string(ops.size()) +
+              " writes (about " + std::to_string(bytes) +
+              " bytes) is over the ZooKeeper packet limit of " +
+              std::to_string(settings_.max_packet) +
+              " bytes, so it cannot be one multi-op request; nothing was "
+              "written. Import the tree in parts (one branch at a time), or "
+              "raise jute.maxbuffer on every server and HVS_ZK_MAX_PACKET "
+              "here");
+    if (Status st = ensure(); !st.ok())
+      return st;
+    std::vector<zoo_op_t> zops(ops.size());
+    std::vector<zoo_op_result_t> results(ops.size());
+    for (std::size_t i = 0; i < ops.size(); ++i) {
+      Op &op = ops[i];
+      const char *data = op.has_value ? data_of(op.bytes) : nullptr;
+      int len = op.has_value ? int(op.bytes.size()) : -1;
+      switch (op.kind) {
+      case Op::Create:
+        zoo_create_op_init(&zops[i], op.path.c_str(), data, len,
+                           &ZOO_OPEN_ACL_UNSAFE, 0, nullptr, 0);
+        break;
+      case Op::Set:
+        zoo_set_op_init(&zops[i], op.path.c_str(), data, len, -1, nullptr);
+        break;
+      case Op::Delete:
+        zoo_delete_op_init(&zops[i], op.path.c_str(), -1);
+        break;
+      }
+    }
+    int rc = session_->multi(int(zops.size()), zops.data(), results.data());
+    if (rc == ZOK)
+      return {};
+    if (zk::connection_problem(rc)) {
+      session_.reset(); // no late answer may land in results
+      return fail(rc, "commit of " + std::to_string(ops.size()) +
+                          " writes (nothing was written, or all of it)");
+    }
+    for (std::size_t i = 0; i < ops.size(); ++i) {
+      int err = results[i].err;
+      if (err == ZOK || err == ZRUNTIMEINCONSISTENCY)
+        continue;
+      const std::string &name = ops[i].name;
+      if (err == ZNODEEXISTS)
+        return exists(name);
+      if (err == ZNONODE)
+        return ops[i].kind == Op::Create ? no_parent(name) : no_key(name);
+      if (err == ZNOTEMPTY)
+        return Status::failure(HVS_ERR_NOT_EMPTY,
+                               loc_ + ": commit: key " + name +
+                                   " has subkeys");
+      return fail(err, "commit: write of key " + name);
+    }
+    return fail(rc, "commit");
+  }
+
+  Status rollback() override {
+    if (!in_tx_)
+      return Status::failure(HVS_ERR_ARGUMENT,
+                             loc_ + ": rollback without a transaction");
+    clear_tx();
+    return {};
+  }
+
+private:
+  struct Op {
+    enum Kind { Create, Set, Delete } kind;
+    std::string name;
+    std::string path;
+    bool has_value = false;
+    std::string bytes;
+  };
+
+  static const char *data_of(std::string_view bytes) {
+    return bytes.data() ? bytes.data() : "";
+  }
+  static std::string shown(std::string_view name) {
+    return name.empty() ? std::string("the root") : std::string(name);
+  }
+
+  std::string path_of(std::string_view name) const {
+    std::string p = keys_;
+    std::size_t start = 0;
+    while (start < name.size()) {
+      std::size_t dot = name.find('.', start);
+      if (dot == std::string_view::npos)
+        dot = name.size();
+      p += '/';
+      p += zk::encode(name.substr(start, dot - start));
+      start = dot + 1;
+    }
+    return p;
+  }
+
+  Status ensure() {
+    if (session_ && !session_->broken())
+      return {};
+    session_.reset();
+    int rc = ZOK;
+    std::string why;
+    session_ = zk::Session::open(settings_, rc, why);
+    if (!session_)
+      return Status::failure(HVS_ERR_UNREACHABLE, loc_ + ": " + why);
+    return {};
+  }
+
+  Status fail(int rc, const std::string &what) const {
+    return Status::failure(zk::connection_problem(rc) ? HVS_ERR_UNREACHABLE
+                                                      : HVS_ERR_ENGINE,
+                           loc_ + ": " + what + ": " +
+                               zk::describe(rc, settings_));
+  }
+  Status no_key(std::string_view name) const {
+    return Status::failure(HVS_ERR_NO_KEY, loc_ + ": key " + shown(name) +
+                                               " does not exist");
+  }
+  Status no_parent(std::string_view name) const {
+    return Status::failure(HVS_ERR_NO_KEY,
+                           loc_ + ": parent " + std::string(parent_of(name)) +
+                               " of " + std::string(name) + " does not exist");
+  }
+  Status exists(std::string_view name) const {
+    return Status::failure(HVS_ERR_EXISTS, loc_ + ": key " + std::string(name) +
+                                               " exists already");
+  }
+  // Refuses, before it is sent, a write the ensemble would answer by
+  // dropping the connection.
+  Status fits(std::string_view name, std::string_view bytes) const {
+    std::size_t need = bytes.size() + path_of(name).size() + kRequestOverhead;
+    if (need <= settings_.max_packet)
+      return {};
+    return Status::failure(
+        HVS_ERR_TOO_LARGE,
+        loc_ + ": value of " + std::to_string(bytes.size()) + " bytes for key " +
+            std::string(name) + " is over the ZooKeeper packet limit of " +
+            std::to_string(settings_.max_packet) +
+            " bytes (jute.maxbuffer); it was not sent");
+  }
+
+  // Creates ROOT (with its parents), its marker, ROOT/keys and ROOT/locks.
+  Status lay_out() {
+    for (std::size_t slash = root_.find('/', 1);;
+         slash = root_.find('/', slash + 1)) {
+      std::string part = root_.substr(0, slash);
+      int rc = session_->create(part, nullptr, -1, 0);
+      if (rc != ZOK && rc != ZNODEEXISTS)
+        return fail(rc, "cannot create " + part);
+      if (slash == std::string::npos)
+        break;
+    }
+    std::string marker = std::string(kMarker) + std::to_string(kFormatVersion);
+    int rc = session_->set(root_, marker.data(), int(marker.size()));
+    if (rc != ZOK)
+      return fail(rc, "cannot mark " + root_ + " as a registry");
+    for (const std::string &p : {keys_, root_ + "/locks"}) {
+      rc = session_->create(p, nullptr, -1, 0);
+      if (rc != ZOK && rc != ZNODEEXISTS)
+        return fail(rc, "cannot create " + p);
+    }
+    return {};
+  }
+
+  // The stored keys under name (its descendants, and name itself unless it
+  // is the root), children before parents.
+  Status subtree(std::string_view name, std::vector<std::string> &out) {
+    std::vector<std::string> kids;
+    KeyData key;
+    key.path = std::string(name);
+    Status st = children(key, kids);
+    if (!st.ok())
+      return st;
+    for (const auto &kid : kids) {
+      st = subtree(name.empty() ? kid : std::string(name) + "." + kid, out);
+      if (!st.ok())
+        return st;
+    }
+    if (!name.empty())
+      out.emplace_back(name);
+    return {};
+  }
+
+  // --- transactions ---
+
+  void clear_tx() {
+    in_tx_ = false;
+    tx_.clear();
+    created_.clear();
+    deleted_.clear();
+  }
+
+  // Whether the stored key name is still there as the transaction sees it:
+  // not deleted by it, and not under a key that it created.
+  bool stored_visible(std::string_view name) const {
+    if (created_.count(std::string(name)))
+      return false;
+    for (const auto &d : deleted_)
+      if (within(name, d))
+        return false;
+    for (const auto &c : created_)
+      if (within(name, c))
+        return false;
+    return true;
+  }
+
+  Status exists_in_view(std::string_view name, bool &found) {
+    if (name.empty() || created_.count(std::string(name))) {
+      found = true;
+      return {};
+    }
+    found = false;
+    if (!stored_visible(name))
+      return {};
+    std::string data;
+    bool null = true;
+    int rc = session_->get(path_of(name), data, null);
+    if (rc == ZOK)
+      found = true;
+    else if (rc != ZNONODE)
+      return fail(rc, "open of key " + std::string(name));
+    return {};
+  }
+
+  Status tx_create(std::string_view name, bool has_value,
+                   std::string_view bytes) {
+    bool found = false;
+    if (Status st = exists_in_view(name, found); !st.ok())
+      return st;
+    if (found)
+      return exists(name);
+    if (Status st = exists_in_view(parent_of(name), found); !st.ok())
+      return st;
+    if (!found)
+      return no_parent(name);
+    tx_.push_back(Op{Op::Create, std::string(name), path_of(name), has_value,
+                     std::string(bytes)});
+    created_.insert(std::string(name));
+    return {};
+  }
+
+  Status tx_put(std::string_view name, bool has_value, std::string_view bytes) {
+    bool found = false;
+    if (Status st = exists_in_view(name, found); !st.ok())
+      return st;
+    if (!found)
+      return no_key(name);
+    tx_.push_back(Op{Op::Set, std::string(name), path_of(name), has_value,
+                     std::string(bytes)});
+    return {};
+  }
+
+  Status tx_delete(std::string_view name, bool recursive) {
+    bool found = false;
+    if (Status st = exists_in_view(name, found); !st.ok())
+      return st;
+    if (!found)
+      return no_key(name);
+    bool stored = stored_visible(name);
+    std::vector<std::string> doomed;
+    if (stored) {
+      Status st = subtree(name, doomed);
+      if (!st.ok())
+        return st;
+    }
+    bool pending_kids = std::any_of(
+        created_.begin(), created_.end(), [&](const std::string &c) {
+          return c != name && within(c, name);
+        });
+    std::size_t stored_kids = doomed.size() - (stored && !name.empty() ? 1 : 0);
+    if (!recursive && (pending_kids || stored_kids > 0))
+      return Status::failure(HVS_ERR_NOT_EMPTY, loc_ + ": key " +
+                                                    std::string(name) +
+                                                    " has subkeys");
+    // Pending writes inside the subtree are dropped; stored keys deleted.
+    std::erase_if(tx_, [&](const Op &op) {
+      return op.kind != Op::Delete && within(op.name, name);
+    });
+    std::erase_if(created_,
+                  [&](const std::string &c) { return within(c, name); });
+    for (const auto &d : doomed)
+      tx_.push_back(Op{Op::Delete, d, path_of(d), false, {}});
+    deleted_.insert(std::string(name));
+    return {};
+  }
+
+  std::string loc_;
+  std::string root_;
+  std::string keys_;
+  zk::Settings settings_;
+  std::shared_ptr<zk::Session> session_;
+
+  bool in_tx_ = false;
+  std::vector<Op> tx_;
+  std::set<std::string> created_; // keys created by the transaction
+  std::set<std::string> deleted_; // subtrees deleted by it ("" for all)
+};
+
+} // namespace
+
+std::unique_ptr<Backend> open_zookeeper(const Location &loc, bool create,
+                                        Status &st) {
+  auto backend = std::make_unique<ZkBackend>(
+      loc, zk::Settings::from_env(loc.path));
+  st = backend->start(create);
+  if (!st.ok())
+    return nullptr;
+  return backend;
+}
+
+} // namespace hvs
+
+#else // !HVS_WITH_ZOOKEEPER
 
 namespace hvs {
 
@@ -15,3 +572,5 @@ std::unique_ptr<Backend> open_zookeeper(const Location &loc, bool /*create*/,
 }
 
 } // namespace hvs
+
+#endif
