@@ -32,7 +32,10 @@ write_basic_package_version_file(${PROJECT_BINARY_DIR}/prsrConfigVersion.cmake
 install(FILES ${PROJECT_BINARY_DIR}/prsrConfig.cmake
   ${PROJECT_BINARY_DIR}/prsrConfigVersion.cmake DESTINATION ${PRSR_CMAKE_DIR})
 
-# pkg-config: `pkg-config --cflags --libs libprsr`.
+# pkg-config: `pkg-config --cflags --libs libprsr`. The prefix is taken from
+# where the file lies, so `cmake --install --prefix P` gives a correct file.
+file(RELATIVE_PATH PRSR_PC_TO_PREFIX
+  "/prefix/${CMAKE_INSTALL_LIBDIR}/pkgconfig" "/prefix")
 configure_file(${CMAKE_CURRENT_LIST_DIR}/libprsr.pc.in
   ${PROJECT_BINARY_DIR}/libprsr.pc @ONLY)
 install(FILES ${PROJECT_BINARY_DIR}/libprsr.pc

@@ -12,6 +12,7 @@
 #include <optional>
 #include <sstream>
 #include <string>
+#include <unistd.h>
 #include <vector>
 
 #include "hvsadm.h"
@@ -25,12 +26,31 @@ namespace prsrtest {
 
 inline std::string bytes(const char *s) { return std::string(s, std::strlen(s) + 1); }
 
+#ifdef PRSR_TEST_ON_ZOOKEEPER
+/* The executable that runs these tests on ZooKeeper gives every registry a
+ * fresh root on the test ensemble; without HVS_TEST_ZK its environment
+ * skips every test. */
+inline std::string default_location() {
+  static int serial = 0;
+  const char *zk = std::getenv("HVS_TEST_ZK");
+  if (zk == nullptr || *zk == '\0')
+    return "";
+  return "zk://" + std::string(zk) + "/prsr-lib/" + std::to_string(getpid()) + "-" +
+         std::to_string(++serial);
+}
+#else
+inline std::string default_location() { return ""; }
+#endif
+
 class Registry {
 public:
-  Registry() {
+  Registry() : Registry(default_location()) {}
+  /* A registry at location (any engine); "" for a fresh SQLite file in the
+   * test's own directory. */
+  explicit Registry(const std::string &location) {
     char tmpl[] = "/tmp/prsr-test-XXXXXX";
     dir_ = mkdtemp(tmpl);
-    location_ = "sqlite:" + dir_ + "/reg.db";
+    location_ = location.empty() ? "sqlite:" + dir_ + "/reg.db" : location;
     setenv("HVS_REGISTRY", location_.c_str(), 1);
     setenv("LKS_TIMEOUT_MS", "300", 1);
     char msg[1024] = {0};
@@ -39,8 +59,11 @@ public:
       ADD_FAILURE() << "cannot create registry: " << msg;
   }
   ~Registry() {
-    if (adm_)
+    if (adm_) {
+      if (location_.rfind("zk://", 0) == 0) /* the ensemble outlives the test */
+        hvsadm_delete_key(adm_, "", 1);
       hvsapi_terminate(adm_);
+    }
     std::error_code ec;
     std::filesystem::remove_all(dir_, ec);
   }

@@ -356,26 +356,6 @@ TEST_F(DbConfig, ServiceFlagsAndFailoverPolicy) {
   EXPECT_EQ(0u, sv->fov_policy + sv->enabled + sv->environment_count);
 }
 
-/* No fixed limit on entries or strings. */
-TEST_F(DbConfig, ManyServicesAndStrings) {
-  std::vector<std::string> env;
-  for (int i = 0; i < 300; ++i)
-    env.push_back("V" + std::to_string(i) + "=" + std::string(20, 'x'));
-  reg.multi(kDb + ".ENVIRONMENT", env);
-  for (int i = 0; i < 40; ++i) {
-    std::string c = "s" + std::to_string(1000 + i);
-    service(c, "S" + std::to_string(1000 + i), {{"sales1", "Sales1", "PREFERRED", "true"}});
-  }
-  Session s;
-  Fetch f(s, "sales");
-  ASSERT_EQ(PRSR_SUCCESS, f.rc);
-  ASSERT_EQ(300u, f->environment_count);
-  EXPECT_EQ(env[299], str(f->environment[299]));
-  ASSERT_EQ(40u, f->service_count);
-  EXPECT_EQ("S1039", str(f->services[39]->service_name));
-  EXPECT_EQ("Sales1", str(f->services[39]->pref_instances[0]));
-}
-
 /* A fetch waits while another process holds the database exclusively, and
  * gives up with 5 once the lock service's wait is over. */
 TEST_F(DbConfig, WaitsForAnExclusiveHolderInAnotherProcess) {

@@ -176,14 +176,14 @@ TEST_F(PointFaults, LockModesAgainstAnotherProcess) {
 }
 
 /* Writers in some processes flip the service on and off while readers in
- * others look under the shared lock: a reader never sees the service's
- * flag differ from one of its instances' flags. */
+ * others fetch the whole record or look under the shared lock: a reader
+ * never sees the service's flag differ from one of its instances' flags. */
 TEST_F(PointFaults, ServiceFlipSeenWholeAcrossProcesses) {
   for (const char *i : {"sales1", "sales2", "sales3"})
     reg.text(srv_inst(i) + ".ENABLED", "true");
   reg.text("DATABASE.DATABASES.sales.SERVICE.sales*east.ENABLED", "true");
   setenv("LKS_TIMEOUT_MS", "5000", 1);
-  constexpr int kRounds = 25;
+  constexpr int kRounds = 50;
 
   auto writer = [](int seed) {
     lks_status st{};
@@ -201,6 +201,8 @@ TEST_F(PointFaults, ServiceFlipSeenWholeAcrossProcesses) {
     prsr_terminate(&st, ctx);
     _exit(done > 0 ? 0 : 4);
   };
+  /* A reader alternates the whole-record fetch with point reads under the
+   * shared lock of the database. */
   auto reader = [] {
     lks_status st{};
     prsr_ctx *ctx = nullptr;
@@ -208,17 +210,41 @@ TEST_F(PointFaults, ServiceFlipSeenWholeAcrossProcesses) {
       _exit(2);
     int seen = 0;
     for (int r = 0; r < kRounds; ++r) {
-      char *lock = nullptr;
-      if (prsr_lock_branch(&st, ctx, "sales", 1, &lock) != PRSR_SUCCESS)
-        continue;
-      ++seen;
-      uint32_t service = 9, inst = 9;
-      bool same = prsr_get_service_enabled(&st, ctx, "sales", "sales.east", &service) == 0;
-      for (const char *i : {"sales1", "sales2", "sales3"})
-        same = same &&
-               prsr_get_service_instance_enabled(&st, ctx, "sales", "sales.east", i, &inst) == 0 &&
-               inst == service;
-      prsr_unlock_branch(ctx, lock);
+      bool same = true;
+      if (r % 2 == 0) {
+        prsr_cfg *cfg = nullptr;
+        int32_t rc = prsr_fetch_db_config(&st, ctx, "sales", &cfg);
+        if (rc == PRSR_ERR_LOCK)
+          continue;
+        if (rc != PRSR_SUCCESS)
+          _exit(5);
+        ++seen;
+        uint32_t flags = 0;
+        for (uint32_t i = 0; i < cfg->service_count; ++i) {
+          prsr_service_cfg *sv = cfg->services[i];
+          if (std::string(sv->service_name) != "Sales.East")
+            continue;
+          flags = sv->pref_count + sv->avail_count;
+          for (uint32_t k = 0; k < sv->pref_count; ++k)
+            same = same && sv->pref_enabled[k] == sv->enabled;
+          for (uint32_t k = 0; k < sv->avail_count; ++k)
+            same = same && sv->avail_enabled[k] == sv->enabled;
+        }
+        same = same && flags == 3;
+        prsr_release_db_config(&st, ctx, cfg);
+      } else {
+        char *lock = nullptr;
+        if (prsr_lock_branch(&st, ctx, "sales", 1, &lock) != PRSR_SUCCESS)
+          continue;
+        ++seen;
+        uint32_t service = 9, inst = 9;
+        same = prsr_get_service_enabled(&st, ctx, "sales", "sales.east", &service) == 0;
+        for (const char *i : {"sales1", "sales2", "sales3"})
+          same = same &&
+                 prsr_get_service_instance_enabled(&st, ctx, "sales", "sales.east", i, &inst) == 0 &&
+                 inst == service;
+        prsr_unlock_branch(ctx, lock);
+      }
       if (!same)
         _exit(1);
     }
@@ -243,7 +269,7 @@ TEST_F(PointFaults, ServiceFlipSeenWholeAcrossProcesses) {
     waitpid(kids[k], &wst, 0);
     EXPECT_TRUE(WIFEXITED(wst)) << "process " << k;
     EXPECT_EQ(0, WEXITSTATUS(wst)) << (k % 2 == 0 ? "writer " : "reader ") << k
-                                   << " (1: a torn view, 3: a failed write, 4: never got through)";
+                                   << " (1: a torn view, 3: a failed write, 4: never got through, 5: a failed fetch)";
   }
   setenv("LKS_TIMEOUT_MS", "300", 1);
   /* The last writes left a whole state as well. */

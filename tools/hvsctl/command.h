@@ -20,6 +20,7 @@ enum Exit : int {
   kRegistry = 3,   // the registry cannot be opened or failed
   kLock = 4,       // a configuration lock was refused
   kFindings = 5,   // check found problems, diff found differences
+  kResources = 6,  // the resource manager failed
   kNotFound = 7,   // the key does not exist
 };
 

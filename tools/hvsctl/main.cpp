@@ -7,7 +7,7 @@
 //   hvsctl [--registry LOC] resources
 //
 // Exit codes: 0 done, 1 usage, 2 input file error, 3 registry error,
-// 4 resource manager error.
+// 6 resource manager error.
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -33,7 +33,7 @@ namespace {
 constexpr int kExitUsage = 1;
 constexpr int kExitInput = 2;
 constexpr int kExitRegistry = 3;
-constexpr int kExitResources = 4;
+constexpr int kExitResources = 6;
 
 // An open registry handle, closed on scope exit.
 class Registry {

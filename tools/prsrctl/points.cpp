@@ -5,6 +5,7 @@
  * and the -s/-i forms of prsrctl get enabled (registered in flags.cpp). */
 #include <algorithm>
 #include <cctype>
+#include <functional>
 #include <iostream>
 #include <memory>
 #include <optional>
@@ -50,6 +51,19 @@ std::string policy_word(uint32_t policy) {
   }
 }
 
+/* Writes, and the reads of a role or domain, answer a missing key with a
+ * registry failure. When a read of the object itself says it is not there,
+ * the user is told "not found" instead. */
+int32_t refine(int32_t rc, const std::function<int32_t()> &probe) {
+  return rc == PRSR_ERR_REGISTRY && probe() == PRSR_ERR_NO_KEY ? PRSR_ERR_NO_KEY : rc;
+}
+
+/* Whether the database exists, as the read of its name tells. */
+int32_t probe_database(Session &s, const std::string &db) {
+  std::string buf(kNameBuffer, '\0');
+  return prsr_get_spname(s.status(), s.ctx(), db.c_str(), kNameBuffer, buf.data());
+}
+
 /* "service S of database D", "instance I of database D", ... */
 std::string object(const std::string &db, const std::string &srv, const std::string &inst) {
   std::string what;
@@ -83,6 +97,15 @@ int set_point_enabled(const Globals &g, const std::string &db, const std::string
     rc = prsr_set_service_enabled(s.status(), s.ctx(), db.c_str(), srv.c_str(), v);
   else
     rc = prsr_set_instance_enabled(s.status(), s.ctx(), db.c_str(), inst.c_str(), v);
+  rc = refine(rc, [&] {
+    uint32_t w = 0;
+    if (!srv.empty() && !inst.empty())
+      return prsr_get_service_instance_enabled(s.status(), s.ctx(), db.c_str(), srv.c_str(),
+                                               inst.c_str(), &w);
+    if (!srv.empty())
+      return prsr_get_service_enabled(s.status(), s.ctx(), db.c_str(), srv.c_str(), &w);
+    return prsr_get_instance_enabled(s.status(), s.ctx(), db.c_str(), inst.c_str(), &w);
+  });
   std::string what = object(db, srv, inst);
   if (rc != PRSR_SUCCESS)
     return report(rc, what, s.status());
@@ -145,6 +168,7 @@ int show_role(const Globals &g, const std::string &db) {
     return s.error();
   uint32_t role = 0;
   int32_t rc = prsr_get_db_role(s.status(), s.ctx(), db.c_str(), &role);
+  rc = refine(rc, [&] { return probe_database(s, db); });
   if (rc != PRSR_SUCCESS)
     return report(rc, "role of database " + db, s.status());
   if (g.json)
@@ -165,6 +189,7 @@ int set_role(const Globals &g, const std::string &db, const std::string &word) {
   if (s.error())
     return s.error();
   int32_t rc = prsr_set_db_role(s.status(), s.ctx(), db.c_str(), *role);
+  rc = refine(rc, [&] { return probe_database(s, db); });
   if (rc != PRSR_SUCCESS)
     return report(rc, "role of database " + db, s.status());
   if (g.json)
@@ -235,6 +260,7 @@ int show_domain(const Globals &g, const std::string &db) {
     return s.error();
   char *domain = nullptr;
   int32_t rc = prsr_get_domain(s.status(), s.ctx(), db.c_str(), &domain);
+  rc = refine(rc, [&] { return probe_database(s, db); });
   if (rc != PRSR_SUCCESS)
     return report(rc, "domain of database " + db, s.status());
   std::string text = domain;
@@ -318,9 +344,14 @@ void register_points(CLI::App &app, Globals &g, int &exit_code) {
   auto *node = cmd->add_option("-n,--node", n->node, "Node name (any case)");
   auto *inst = cmd->add_option("-i,--instance", n->inst, "Instance name (any case)");
   node->excludes(inst);
-  cmd->require_option(2);
-  cmd->callback(
-      [&g, &exit_code, n] { exit_code = show_instance(g, n->db, n->node, n->inst); });
+  cmd->callback([&g, &exit_code, n] {
+    if (n->node.empty() == n->inst.empty()) {
+      std::cerr << "prsrctl: get instance: give either -n NODE or -i INSTANCE\n";
+      exit_code = kBadArgument;
+      return;
+    }
+    exit_code = show_instance(g, n->db, n->node, n->inst);
+  });
 
   n = std::make_shared<Names>();
   cmd = get->add_subcommand("spname", "Show a database's name as spelled");

@@ -2,6 +2,9 @@
 #include "lock_engine.h"
 
 #include "file_lock_engine.h"
+#ifdef HVS_WITH_ZOOKEEPER
+#include "zk_lock_engine.h"
+#endif
 #include "hvs_location.h"
 #include "lks.h"
 
@@ -47,10 +50,20 @@ std::unique_ptr<LockEngine> make_engine(Outcome *why) {
     return std::make_unique<FileLockEngine>(
         temp_dir() + "/hvs-mem-locks-" + std::to_string(::getuid()) + "/" + name, 0700, true);
   }
-  case hvs::Engine::ZooKeeper:
+  case hvs::Engine::ZooKeeper: {
+#ifdef HVS_WITH_ZOOKEEPER
+    // On the ensemble that holds the registry, beside it under its root.
+    auto engine = std::make_unique<ZkLockEngine>(loc);
+    Outcome o = engine->connect();
+    if (o.code == 0)
+      return engine;
+    *why = o;
+#else
     why->code = LKS_ERR_SYSTEM;
-    why->message = "ZooKeeper locks not built yet";
+    why->message = "registry location " + loc.text + ": this build has no ZooKeeper locks";
+#endif
     return nullptr;
+  }
   case hvs::Engine::Invalid:
     break;
   }

@@ -1,0 +1,306 @@
+// hvsctl end to end on fresh SQLite registries: check, the one-key commands,
+// diff, backup and restore. JSON output is parsed, never compared as text.
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <cstdlib>
+#include <map>
+#include <fstream>
+#include <sstream>
+#include <sys/wait.h>
+
+#include <nlohmann/json.hpp>
+
+#include "lks.h"
+#include "test_util.h"
+
+namespace {
+
+using nlohmann::json;
+
+struct Result {
+  int status;
+  std::string out, err;
+};
+
+std::string slurp(const std::string &path) {
+  std::ifstream in(path, std::ios::binary);
+  std::ostringstream s;
+  s << in.rdbuf();
+  return s.str();
+}
+
+class HvsctlTool : public ::testing::Test {
+protected:
+  void SetUp() override {
+    reg_ = "sqlite:" + dir_.file("reg.db");
+    ASSERT_EQ(0, run("import " SAMPLE_CLUSTER).status);
+  }
+
+  Result run(const std::string &args, const std::string &env = "") {
+    std::string out = dir_.file("out.txt"), err = dir_.file("err.txt");
+    std::string cmd = env + " " + HVSCTL_PATH + " --registry " + reg_ + " " +
+                      args + " >" + out + " 2>" + err;
+    int rc = std::system(cmd.c_str());
+    return {WIFEXITED(rc) ? WEXITSTATUS(rc) : -1, slurp(out), slurp(err)};
+  }
+  json run_json(const std::string &args, int expected_status) {
+    Result r = run(args);
+    EXPECT_EQ(expected_status, r.status) << args << "\n" << r.err;
+    return json::parse(r.out);
+  }
+  std::string file(const std::string &name) { return dir_.file(name); }
+  void write(const std::string &name, const json &doc) {
+    std::ofstream(file(name)) << doc.dump(1);
+  }
+
+  hvstest::TempDir dir_;
+  std::string reg_;
+};
+
+// The sample file's keys as an editable map, written back in order.
+struct SampleFile {
+  json doc = json::parse(slurp(SAMPLE_CLUSTER));
+
+  json *entry(const std::string &key) {
+    for (auto &e : doc["keys"])
+      if (e["key"] == key)
+        return &e;
+    return nullptr;
+  }
+  // Replaces a value, or adds the key at the end (after its parent).
+  void set(const std::string &key, json value) {
+    if (json *e = entry(key))
+      (*e)["value"] = value;
+    else
+      doc["keys"].push_back({{"key", key}, {"value", value}});
+  }
+  void drop(const std::string &key) {
+    auto &keys = doc["keys"];
+    for (auto it = keys.begin(); it != keys.end();) {
+      std::string k = (*it)["key"];
+      if (k == key || k.starts_with(key + "."))
+        it = keys.erase(it);
+      else
+        ++it;
+    }
+  }
+};
+
+TEST_F(HvsctlTool, CheckNamesEveryBrokenFormWithItsKey) {
+  const std::string db = "DATABASE.DATABASES.sales";
+  const std::string east = db + ".SERVICE.sales*east";
+  struct Case {
+    std::string key;
+    json value; // null: remove the key and its subtree
+    std::string problem;
+  };
+  const std::vector<Case> cases = {
+      {db + ".ENABLED", "yes", "not a boolean"},
+      {db + ".ROLE", "PRIMARI", "not a role"},
+      {east + ".FOVPOLICY", "FAST", "not a failover policy"},
+      {east + ".INSTANCES.sales1.TYPE", "preferred", "not PREFERRED"},
+      {east, "Sales-East", "is not the component"},
+      {db + ".INSTANCE.sales2", "Sales22", "length differs"},
+      {db + ".INSTANCE.sales2.ENVIRONMENT", {{"hex", "410000420000"}},
+       "empty string"},
+      {db + ".INSTANCE.sales3.NODE", nullptr, "missing"},
+      {east + ".INSTANCES.sales3.TYPE", nullptr, "missing"},
+      {"DATABASE.DATABASES.hr.SERVICE", nullptr, "missing"},
+      {"DATABASE.DATABASES.hr.TERVAN_HOME", {{"hex", "2f6f7074"}},
+       "does not end in a NUL"},
+      {"DATABASE.NODEAPPS.node3.VIP.IP", nullptr, ""},
+  };
+  SampleFile broken;
+  for (const auto &c : cases) {
+    if (c.value.is_null())
+      broken.drop(c.key);
+    else
+      broken.set(c.key, c.value);
+  }
+  // A finding the edits make on a key of their own: the empty VIP has lost
+  // the IP child that holds its address.
+  const std::string vip = "DATABASE.NODEAPPS.node3.VIP";
+  write("broken.json", broken.doc);
+
+  // The file itself and the registry it is imported into give one verdict.
+  json from_file = run_json("check --json " + file("broken.json"), 5);
+  ASSERT_EQ(0, run("import --replace " + file("broken.json")).status);
+  json live = run_json("check --json", 5);
+  auto sorted = [](json findings) {
+    std::sort(findings.begin(), findings.end());
+    return findings;
+  };
+  EXPECT_EQ(sorted(from_file["findings"]), sorted(live["findings"]));
+
+  std::multimap<std::string, std::string> found;
+  for (const auto &f : live["findings"])
+    found.emplace(f["key"], f["problem"]);
+  for (const auto &c : cases) {
+    if (c.problem.empty())
+      continue;
+    auto [lo, hi] = found.equal_range(c.key);
+    bool hit = false;
+    for (auto it = lo; it != hi; ++it)
+      hit = hit || it->second.find(c.problem) != std::string::npos;
+    EXPECT_TRUE(hit) << c.key << ": no finding with \"" << c.problem << "\"";
+  }
+  EXPECT_EQ(1u, found.count(vip));
+  EXPECT_EQ(cases.size(), found.size()) << live.dump(1);
+}
+
+TEST_F(HvsctlTool, CheckOfTheSampleIsClean) {
+  Result r = run("check");
+  EXPECT_EQ(0, r.status) << r.out;
+  EXPECT_NE(std::string::npos, r.out.find("0 findings"));
+}
+
+TEST_F(HvsctlTool, OneKeyCommandsAndTheirExitCodes) {
+  const std::string inst = "DATABASE.DATABASES.hr.INSTANCE";
+  struct Step {
+    std::string args;
+    int status;
+    std::string out; // exact stdout, or "*" for any
+  };
+  const std::vector<Step> steps = {
+      {"get DATABASE.DATABASES.hr", 0, "\"HR\"\n"},
+      {"get --hex DATABASE.DATABASES.hr", 0, "485200\n"},
+      {"get " + inst, 0, "(no value)\n"},
+      {"get DATABASE.NODEAPPS.node3.VIP", 0, "(empty)\n"},
+      {"get DATABASE.DATABASES.nosuch", 7, ""},
+      {"get DATABASE..x", 1, ""},
+      {"ls " + inst, 0, "hr1\nhr2\n"},
+      {"ls DATABASE.DATABASES.nosuch", 7, ""},
+      {"ls", 0, "DATABASE\n"},
+      {"create " + inst + ".hr3 HR3", 0, "*"},
+      {"create " + inst + ".hr3 HR3", 2, ""},
+      {"create " + inst + ".hr9.NODE node9", 7, ""},
+      {"create " + inst + ".hr3.ENVIRONMENT --multi A=1 B=2", 0, "*"},
+      {"get " + inst + ".hr3.ENVIRONMENT", 0, "[\"A=1\", \"B=2\"]\n"},
+      {"set " + inst + ".hr3.ENVIRONMENT --hex 00ff", 0, "*"},
+      {"get " + inst + ".hr3.ENVIRONMENT", 0, "hex:00ff\n"},
+      {"set " + inst + ".hr3.ENVIRONMENT --hex 0", 1, ""},
+      {"set " + inst + ".hr3.ENVIRONMENT x --multi y", 1, ""},
+      {"set " + inst + ".hr3 --no-value", 0, "*"},
+      {"get " + inst + ".hr3", 0, "(no value)\n"},
+      {"set " + inst + ".hr4 HR4", 7, ""},
+      {"ls " + inst, 0, "hr1\nhr2\nhr3\n"},
+      {"delete " + inst + ".hr3", 2, ""},
+      {"delete --recursive " + inst + ".hr3", 0, "*"},
+      {"delete " + inst + ".hr3", 7, ""},
+      {"ls " + inst, 0, "hr1\nhr2\n"},
+  };
+  for (const auto &s : steps) {
+    Result r = run(s.args);
+    EXPECT_EQ(s.status, r.status) << s.args << "\n" << r.err;
+    if (s.out != "*") {
+      EXPECT_EQ(s.out, r.out) << s.args;
+    }
+    if (s.status != 0) {
+      EXPECT_FALSE(r.err.empty()) << s.args << ": a failure explains itself";
+    }
+  }
+}
+
+TEST_F(HvsctlTool, DiffTellsAddedRemovedAndChangedKeys) {
+  ASSERT_EQ(0, run("export -o " + file("before.json")).status);
+  EXPECT_EQ(0, run("diff " + file("before.json") + " --live").status);
+
+  const std::string db = "DATABASE.DATABASES.hr";
+  ASSERT_EQ(0, run("set " + db + ".ENABLED false").status);
+  ASSERT_EQ(0, run("delete " + db + ".DOMAIN").status);
+  ASSERT_EQ(0, run("create " + db + ".INSTANCE.hr1.NOTE").status);
+
+  json d = run_json("diff --json " + file("before.json") + " -", 5);
+  std::map<std::string, json> by_key;
+  for (const auto &c : d["changes"])
+    by_key[c["key"]] = c;
+  ASSERT_EQ(3u, by_key.size()) << d.dump(1);
+  EXPECT_EQ("changed", by_key[db + ".ENABLED"]["change"]);
+  EXPECT_EQ("\"true\"", by_key[db + ".ENABLED"]["a"]);
+  EXPECT_EQ("\"false\"", by_key[db + ".ENABLED"]["b"]);
+  EXPECT_EQ("removed", by_key[db + ".DOMAIN"]["change"]);
+  EXPECT_EQ("added", by_key[db + ".INSTANCE.hr1.NOTE"]["change"]);
+  EXPECT_TRUE(by_key[db + ".INSTANCE.hr1.NOTE"]["b"].is_null());
+
+  // Two files, the readable form, and the sides swapped.
+  ASSERT_EQ(0, run("export -o " + file("after.json")).status);
+  Result r = run("diff " + file("after.json") + " " + file("before.json"));
+  EXPECT_EQ(5, r.status);
+  EXPECT_NE(std::string::npos, r.out.find("+ " + db + ".DOMAIN = "));
+  EXPECT_NE(std::string::npos, r.out.find("- " + db + ".INSTANCE.hr1.NOTE"));
+  EXPECT_NE(std::string::npos,
+            r.out.find("~ " + db + ".ENABLED: \"false\" -> \"true\""));
+
+  EXPECT_EQ(1, run("diff - -").status);
+  EXPECT_EQ(2, run("diff " + file("missing.json") + " --live").status);
+}
+
+TEST_F(HvsctlTool, BackupAndRestoreRoundTrip) {
+  ASSERT_EQ(0, run("backup " + file("backup.json")).status);
+  json backup = json::parse(slurp(file("backup.json")));
+  EXPECT_EQ("hvs-backup", backup["format"]);
+  const json &meta = backup["backup"];
+  EXPECT_EQ(backup["keys"].size(), meta["key_count"].get<size_t>());
+  EXPECT_EQ(json({"hr", "sales", "salesdr"}), meta["databases"]);
+  EXPECT_EQ(reg_, meta["location"]);
+  EXPECT_FALSE(meta["created"].get<std::string>().empty());
+
+  // Change the registry in every way, then restore.
+  ASSERT_EQ(0, run("set DATABASE.DATABASES.sales.ROLE PHYSICAL_STANDBY").status);
+  ASSERT_EQ(0, run("delete -r DATABASE.DATABASES.hr").status);
+  ASSERT_EQ(0, run("create DATABASE.DATABASES.extra Extra").status);
+  ASSERT_EQ(5, run("diff " + file("backup.json") + " --live").status);
+  Result r = run("restore " + file("backup.json"));
+  ASSERT_EQ(0, r.status) << r.err;
+  EXPECT_EQ(0, run("diff " + file("backup.json") + " --live").status);
+
+  // Into an empty registry, and from a plain export as well.
+  reg_ = "sqlite:" + file("other.db");
+  ASSERT_EQ(0, run("restore " + file("backup.json")).status);
+  EXPECT_EQ(0, run("diff " + file("backup.json") + " -").status);
+  EXPECT_EQ(0, run("restore " SAMPLE_CLUSTER).status);
+  EXPECT_EQ(0, run("check").status);
+
+  // A backup that lost a key, or whose keys come out of order, changes
+  // nothing.
+  json cut = backup;
+  cut["keys"].erase(cut["keys"].begin() + 5);
+  write("cut.json", cut);
+  EXPECT_EQ(2, run("restore " + file("cut.json")).status);
+  json reordered = backup;
+  std::swap(reordered["keys"][2], reordered["keys"][3]);
+  write("reordered.json", reordered);
+  EXPECT_EQ(2, run("restore " + file("reordered.json")).status);
+  EXPECT_EQ(0, run("diff " SAMPLE_CLUSTER " --live").status);
+}
+
+TEST_F(HvsctlTool, RestoreWaitsForAWritersLockAndGivesUp) {
+  ASSERT_EQ(0, run("backup " + file("backup.json")).status);
+  ASSERT_EQ(0, run("set DATABASE.DATABASES.hr.ENABLED false").status);
+
+  // This process holds one database's lock, as prsr_set_db_enabled would.
+  hvstest::RegistryEnv env(reg_);
+  lks_status st{};
+  void *lks = nullptr;
+  lks_init_params params{};
+  params.alloc = [](void *, uint64_t n) { return std::calloc(1, n); };
+  params.release = [](void *, void *p) { std::free(p); };
+  params.flags = 192;
+  lks_version version{2, 1};
+  ASSERT_EQ(0, lkssinit(&st, &lks, &version, &params, 272));
+  ASSERT_EQ(0, lksmutexlock(&st, lks, "FLTM.DATABASE.DATABASES.salesdr"));
+
+  Result r = run("restore " + file("backup.json"), "LKS_TIMEOUT_MS=300");
+  EXPECT_EQ(4, r.status);
+  EXPECT_NE(std::string::npos, r.err.find("FLTM.DATABASE.DATABASES.salesdr"));
+  EXPECT_EQ("\"false\"\n", run("get DATABASE.DATABASES.hr.ENABLED").out);
+
+  lksunlock(&st, lks, "FLTM.DATABASE.DATABASES.salesdr");
+  EXPECT_EQ(0, run("restore " + file("backup.json"), "LKS_TIMEOUT_MS=300")
+                   .status);
+  EXPECT_EQ("\"true\"\n", run("get DATABASE.DATABASES.hr.ENABLED").out);
+  lkssterm(&st, lks);
+}
+
+} // namespace
