@@ -5,7 +5,7 @@ PKGS=(build-essential cmake pkg-config git
       libsqlite3-dev sqlite3
       nlohmann-json3-dev libcli11-dev libfmt-dev
       libgtest-dev libgmock-dev libbenchmark-dev
-      libzookeeper-mt-dev)
+      libzookeeper-mt-dev zookeeper)
 SUDO=""
 if [ "$(id -u)" -ne 0 ] && command -v sudo >/dev/null; then SUDO=sudo; fi
 missing=()

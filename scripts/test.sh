@@ -7,6 +7,12 @@ scripts/setup.sh
 jobs=$(nproc)
 export CTEST_OUTPUT_ON_FAILURE=1
 
+# A throwaway ZooKeeper server for the tests labelled "zookeeper".
+export ZK_DIR=$(mktemp -d "${TMPDIR:-/tmp}/prsr-zk.XXXXXX")
+trap 'scripts/zk.sh stop "$ZK_DIR" >/dev/null; rm -rf "$ZK_DIR"' EXIT
+scripts/zk.sh start "$ZK_DIR"
+export HVS_TEST_ZK=$(scripts/zk.sh address "$ZK_DIR")
+
 echo "== developer build (-Werror)"
 cmake --preset dev >/dev/null
 cmake --build --preset dev -j"$jobs"

@@ -42,6 +42,13 @@ typedef int (*hvsadm_walk_fn)(void *arg, const char *name, const void *value,
 int32_t hvsadm_walk(void *handle, const char *name, hvsadm_walk_fn fn,
                     void *arg);
 
+/* Properties of the registry itself, beside the key tree: "written_by"
+ * holds the version of the program that last wrote it. get: value (capacity
+ * *len, NUL included) and *len its length with the NUL; HVS_ERR_NO_KEY when
+ * not set, HVS_ERR_SMALL_BUFFER with *len the size needed. */
+int32_t hvsadm_get_property(void *handle, const char *name, char *value, uint32_t *len);
+int32_t hvsadm_set_property(void *handle, const char *name, const char *value);
+
 #ifdef __cplusplus
 }
 #endif

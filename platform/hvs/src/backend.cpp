@@ -89,3 +89,26 @@ std::unique_ptr<Backend> open_backend(const Location &loc, bool create,
 }
 
 } // namespace hvs
+
+namespace hvs {
+
+Status Backend::get_property(std::string_view name, std::string &out) {
+  for (auto &[k, v] : properties_)
+    if (k == name) {
+      out = v;
+      return {};
+    }
+  return Status::failure(HVS_ERR_NO_KEY, "registry property " + std::string(name) + " is not set");
+}
+
+Status Backend::set_property(std::string_view name, std::string_view value) {
+  for (auto &[k, v] : properties_)
+    if (k == name) {
+      v.assign(value);
+      return {};
+    }
+  properties_.emplace_back(std::string(name), std::string(value));
+  return {};
+}
+
+} // namespace hvs

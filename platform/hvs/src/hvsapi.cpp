@@ -440,4 +440,33 @@ int32_t hvsadm_walk(void *handle, const char *name, hvsadm_walk_fn fn,
   return HVS_OK;
 }
 
+int32_t hvsadm_get_property(void *handle, const char *name, char *value, uint32_t *len) {
+  Handle *h = as_handle(handle);
+  if (h == nullptr)
+    return bad_handle("hvsadm_get_property");
+  if (name == nullptr || value == nullptr || len == nullptr)
+    return bad_arg(h, "hvsadm_get_property", "NULL argument");
+  std::string v;
+  int32_t rc = guarded(h, [&](Backend &b) { return b.get_property(name, v); });
+  if (rc != HVS_OK)
+    return rc;
+  uint32_t cap = *len;
+  *len = uint32_t(v.size() + 1);
+  if (v.size() + 1 > cap)
+    return record(h->serial, HVS_ERR_SMALL_BUFFER,
+                  h->location + ": property " + name + " needs " + std::to_string(*len) +
+                      " bytes");
+  std::memcpy(value, v.c_str(), v.size() + 1);
+  return HVS_OK;
+}
+
+int32_t hvsadm_set_property(void *handle, const char *name, const char *value) {
+  Handle *h = as_handle(handle);
+  if (h == nullptr)
+    return bad_handle("hvsadm_set_property");
+  if (name == nullptr || value == nullptr)
+    return bad_arg(h, "hvsadm_set_property", "NULL argument");
+  return guarded(h, [&](Backend &b) { return b.set_property(name, value); });
+}
+
 } // extern "C"

@@ -24,6 +24,7 @@ using Nodes = std::map<std::string, Node, std::less<>>;
 struct Store {
   std::mutex mu;
   Nodes nodes{{std::string(), Node{}}}; // the root
+  std::map<std::string, std::string, std::less<>> properties;
 };
 
 std::mutex g_stores_mu;
@@ -47,6 +48,22 @@ public:
     out.has_value = it->second.has_value;
     out.type = it->second.type;
     out.value = it->second.value;
+    return {};
+  }
+
+  Status get_property(std::string_view name, std::string &out) override {
+    std::lock_guard lock(store_->mu);
+    auto it = store_->properties.find(name);
+    if (it == store_->properties.end())
+      return Status::failure(HVS_ERR_NO_KEY,
+                             loc_ + ": registry property " + std::string(name) + " is not set");
+    out = it->second;
+    return {};
+  }
+
+  Status set_property(std::string_view name, std::string_view value) override {
+    std::lock_guard lock(store_->mu);
+    store_->properties[std::string(name)] = std::string(value);
     return {};
   }
 

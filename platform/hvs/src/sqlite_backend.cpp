@@ -21,6 +21,7 @@ constexpr int kBusyTimeoutMs = 10000;
 
 constexpr const char *kSchema = R"sql(
 CREATE TABLE IF NOT EXISTS hvs_format(version INTEGER NOT NULL);
+CREATE TABLE IF NOT EXISTS hvs_property(name TEXT PRIMARY KEY, value TEXT NOT NULL);
 CREATE TABLE IF NOT EXISTS hvs_key(
   id        INTEGER PRIMARY KEY,
   parent    INTEGER NOT NULL,          -- 0: a top-level key
@@ -321,6 +322,51 @@ public:
     int rc = sqlite3_exec(db_, "ROLLBACK", nullptr, nullptr, nullptr);
     if (rc != SQLITE_OK)
       return fail(rc, "rollback");
+    return {};
+  }
+
+  Status get_property(std::string_view name, std::string &out) override {
+    // Registries made before properties existed have no table: nothing set.
+    sqlite3_stmt *s = nullptr;
+    int rc = sqlite3_prepare_v2(db_, "SELECT value FROM hvs_property WHERE name = ?1", -1, &s,
+                                nullptr);
+    if (rc != SQLITE_OK) {
+      sqlite3_finalize(s);
+      return Status::failure(HVS_ERR_NO_KEY, loc_ + ": registry property " +
+                                                 std::string(name) + " is not set");
+    }
+    sqlite3_bind_text(s, 1, name.data(), int(name.size()), SQLITE_STATIC);
+    rc = sqlite3_step(s);
+    Status st;
+    if (rc == SQLITE_ROW)
+      out.assign(reinterpret_cast<const char *>(sqlite3_column_text(s, 0)),
+                 size_t(sqlite3_column_bytes(s, 0)));
+    else if (rc == SQLITE_DONE)
+      st = Status::failure(HVS_ERR_NO_KEY,
+                           loc_ + ": registry property " + std::string(name) + " is not set");
+    else
+      st = fail(rc, "read of registry property " + std::string(name));
+    sqlite3_finalize(s);
+    return st;
+  }
+
+  Status set_property(std::string_view name, std::string_view value) override {
+    sqlite3_exec(db_, "CREATE TABLE IF NOT EXISTS hvs_property(name TEXT PRIMARY KEY, "
+                      "value TEXT NOT NULL)", nullptr, nullptr, nullptr);
+    sqlite3_stmt *s = nullptr;
+    int rc = sqlite3_prepare_v2(
+        db_, "INSERT INTO hvs_property(name, value) VALUES(?1, ?2) "
+             "ON CONFLICT(name) DO UPDATE SET value = excluded.value", -1, &s, nullptr);
+    if (rc != SQLITE_OK) {
+      sqlite3_finalize(s);
+      return fail(rc, "write of registry property " + std::string(name));
+    }
+    sqlite3_bind_text(s, 1, name.data(), int(name.size()), SQLITE_STATIC);
+    sqlite3_bind_text(s, 2, value.data(), int(value.size()), SQLITE_STATIC);
+    rc = sqlite3_step(s);
+    sqlite3_finalize(s);
+    if (rc != SQLITE_DONE)
+      return fail(rc, "write of registry property " + std::string(name));
     return {};
   }
 

@@ -69,7 +69,7 @@ struct WalkEntry {
 
 class Backend {
 public:
-  static constexpr int kVersion = 1;
+  static constexpr int kVersion = 2;
 
   virtual ~Backend() = default;
   /* The interface version the engine was written against. */
@@ -110,6 +110,18 @@ public:
    * order, each key before its children. The default uses open_key() and
    * children(); an engine may do better. */
   virtual Status walk(std::string_view name, std::vector<WalkEntry> &out);
+
+  /* --- version 2 --- */
+
+  /* Properties of the registry itself, beside the key tree (for example
+   * "written_by", the version of the program that last wrote it).
+   * HVS_ERR_NO_KEY when the property is not set. The defaults keep them in
+   * this engine object only; a persistent engine overrides both. */
+  virtual Status get_property(std::string_view name, std::string &out);
+  virtual Status set_property(std::string_view name, std::string_view value);
+
+private:
+  std::vector<std::pair<std::string, std::string>> properties_;
 };
 
 /* Why name is not a valid key name, or nullptr when it is: non-empty
