@@ -11,6 +11,7 @@
 
 #include <nlohmann/json.hpp>
 
+#include "hvsadm.h"
 #include "lks.h"
 #include "test_util.h"
 
@@ -304,3 +305,39 @@ TEST_F(HvsctlTool, RestoreWaitsForAWritersLockAndGivesUp) {
 }
 
 } // namespace
+
+namespace {
+
+void set_writer(const std::string &location, const char *version) {
+  setenv("HVS_REGISTRY", location.c_str(), 1);
+  void *h = nullptr;
+  char msg[1024] = "";
+  uint64_t len = sizeof msg;
+  ASSERT_EQ(HVS_OK, hvsadm_open(&h, 0, msg, &len)) << msg;
+  ASSERT_EQ(HVS_OK, hvsadm_set_property(h, "written_by", version));
+  hvsapi_terminate(h);
+}
+
+} // namespace
+
+// A registry that a newer hvsctl wrote is read, never written; one of an
+// older or the same level is written and then names this version.
+TEST_F(HvsctlTool, WritesOnlyRegistriesOfItsOwnVersionOrOlder) {
+  const std::string key = "DATABASE.DATABASES.sales.ENABLED";
+  struct {
+    const char *recorded;
+    int status;
+  } cases[] = {{"2.0.0", 8}, {"1.1.0", 8}, {"not a version", 8},
+               {"1.0.7", 0}, {"0.9.0", 0}};
+  for (auto &c : cases) {
+    set_writer(reg_, c.recorded);
+    Result r = run("set " + key + " false");
+    EXPECT_EQ(c.status, r.status) << c.recorded << "\n" << r.err;
+    if (c.status != 0) {
+      EXPECT_NE(std::string::npos, r.err.find(c.recorded)) << r.err;
+      EXPECT_EQ(0, run("get " + key).status) << "reading stays allowed";
+      EXPECT_EQ(8, run("import --replace " SAMPLE_CLUSTER).status);
+    }
+  }
+  EXPECT_EQ(0, run("import --replace " SAMPLE_CLUSTER).status);
+}

@@ -141,8 +141,8 @@ int do_restore(const std::string &file) {
   }
 
   Client c;
-  if (!c.open(true))
-    return kRegistry;
+  if (int rc = c.open_for_write(true))
+    return rc;
   Tree live;
   if (int rc = load_live(c, "", live))
     return rc;
@@ -195,6 +195,7 @@ int do_restore(const std::string &file) {
       return abandon(c.fail(fmt::format("restore: cannot create key \"{}\"",
                                         e.name)));
   }
+  c.record_writer();
   if (hvsadm_commit(h) != HVS_OK)
     return c.fail("restore: cannot commit; nothing was changed");
   fmt::print("restored {} keys from {} into {}\n", tree.size(), file,

@@ -161,11 +161,14 @@ int do_set(const std::string &key, const ValueArgs &v) {
   if (!v.bytes(bytes, has_value))
     return kUsage;
   Client c;
-  if (!c.open())
-    return kRegistry;
+  if (int rc = c.open_for_write())
+    return rc;
   int32_t rc = hvsadm_put_value(c.get(), key.c_str(), has_value ? 1 : 0,
                                 bytes.data(), uint32_t(bytes.size()));
-  return rc == HVS_OK ? kOk : write_failed(c, rc, key, "set");
+  if (rc != HVS_OK)
+    return write_failed(c, rc, key, "set");
+  c.record_writer();
+  return kOk;
 }
 
 int do_create(const std::string &key, const ValueArgs &v) {
@@ -178,21 +181,27 @@ int do_create(const std::string &key, const ValueArgs &v) {
   if (!v.given())
     has_value = false;
   Client c;
-  if (!c.open())
-    return kRegistry;
+  if (int rc = c.open_for_write())
+    return rc;
   int32_t rc = hvsadm_create_key(c.get(), key.c_str(), has_value ? 1 : 0,
                                  bytes.data(), uint32_t(bytes.size()));
-  return rc == HVS_OK ? kOk : write_failed(c, rc, key, "create");
+  if (rc != HVS_OK)
+    return write_failed(c, rc, key, "create");
+  c.record_writer();
+  return kOk;
 }
 
 int do_delete(const std::string &key, bool recursive) {
   if (!key_ok(key))
     return kUsage;
   Client c;
-  if (!c.open())
-    return kRegistry;
+  if (int rc = c.open_for_write())
+    return rc;
   int32_t rc = hvsadm_delete_key(c.get(), key.c_str(), recursive ? 1 : 0);
-  return rc == HVS_OK ? kOk : write_failed(c, rc, key, "delete");
+  if (rc != HVS_OK)
+    return write_failed(c, rc, key, "delete");
+  c.record_writer();
+  return kOk;
 }
 
 int do_ls(const std::string &key) {

@@ -1,4 +1,5 @@
 #include "command.h"
+#include "util/version.h"
 
 #include <cerrno>
 #include <cstdio>
@@ -60,6 +61,42 @@ bool Client::open(bool create) {
   }
   return true;
 }
+
+namespace {
+// The version hvsctl records as the registry's writer, and compares with the
+// recorded one before it writes (MAJOR.MINOR.PATCH, see ver.h).
+constexpr const char *kWriterProperty = "written_by";
+} // namespace
+
+int Client::open_for_write(bool create) {
+  if (!open(create))
+    return kRegistry;
+  char recorded[256] = "";
+  uint32_t len = sizeof recorded;
+  int32_t rc = hvsadm_get_property(h_, kWriterProperty, recorded, &len);
+  if (rc == HVS_ERR_NO_KEY)
+    return kOk;
+  if (rc != HVS_OK)
+    return fail("cannot read the version that wrote the registry");
+  switch (u_version_compatible(HVSCTL_VERSION, recorded)) {
+  case 0:
+    return kOk;
+  case 4:
+    fmt::print(stderr,
+               "hvsctl: the registry at {} was written by version {}, newer than this hvsctl "
+               "({}); refusing to change it (use hvsctl {} or later)\n",
+               location(), recorded, HVSCTL_VERSION, recorded);
+    return kNewer;
+  default:
+    fmt::print(stderr,
+               "hvsctl: the registry at {} names its writer's version as \"{}\", which is not a "
+               "version; refusing to change it\n",
+               location(), recorded);
+    return kNewer;
+  }
+}
+
+void Client::record_writer() { hvsadm_set_property(h_, kWriterProperty, HVSCTL_VERSION); }
 
 std::string Client::location() const {
   const char *loc = h_ != nullptr ? hvsapi_location(h_) : nullptr;

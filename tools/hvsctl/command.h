@@ -22,6 +22,7 @@ enum Exit : int {
   kFindings = 5,   // check found problems, diff found differences
   kResources = 6,  // the resource manager failed
   kNotFound = 7,   // the key does not exist
+  kNewer = 8,      // the registry was written by a newer version: not written
 };
 
 // A command family adds its subcommands to the application and returns, for
@@ -56,6 +57,13 @@ public:
 
   // False after printing why the registry cannot be opened.
   bool open(bool create = false);
+  // Opens for a change: refuses (kNewer) a registry that a newer version of
+  // this tool wrote, which this one cannot know how to keep consistent.
+  // Returns kOk or the exit code, after printing why.
+  int open_for_write(bool create = false);
+  // Records this tool's version as the registry's writer; inside a
+  // transaction it lands with the change.
+  void record_writer();
   void *get() const { return h_; }
   std::string location() const;
   std::string last_error() const;

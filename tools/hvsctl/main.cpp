@@ -6,8 +6,8 @@
 //   hvsctl [--registry LOC] storage-dependency on|off
 //   hvsctl [--registry LOC] resources
 //
-// Exit codes: 0 done, 1 usage, 2 input file error, 3 registry error,
-// 6 resource manager error.
+// The other commands live in cmd_*.cpp, one family a file. Exit codes are
+// those of command.h (docs/hvsctl.md).
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -30,62 +30,15 @@
 
 namespace {
 
-constexpr int kExitUsage = 1;
-constexpr int kExitInput = 2;
-constexpr int kExitRegistry = 3;
-constexpr int kExitResources = 6;
-
-// An open registry handle, closed on scope exit.
-class Registry {
-public:
-  ~Registry() {
-    if (h_ != nullptr)
-      hvsapi_terminate(h_);
-  }
-  bool open(bool create) {
-    char msg[1024] = "";
-    uint64_t len = sizeof msg;
-    int32_t rc = hvsadm_open(&h_, create ? 1 : 0, msg, &len);
-    if (rc != HVS_OK) {
-      fmt::print(stderr, "hvsctl: cannot open the registry: {} (code {})\n",
-                 msg, rc);
-      return false;
-    }
-    return true;
-  }
-  void *get() const { return h_; }
-  std::string location() const { return hvsapi_location(h_); }
-
-  // The message of the last failed call.
-  std::string last_error() const {
-    uint32_t code = 0;
-    char msg[1024] = "";
-    uint32_t len = sizeof msg;
-    hvsapi_get_last_error(h_, &code, msg, &len);
-    return msg;
-  }
-  int fail(const std::string &what) const {
-    fmt::print(stderr, "hvsctl: {}: {}\n", what, last_error());
-    return kExitRegistry;
-  }
-
-private:
-  void *h_ = nullptr;
-};
-
-bool read_file(const std::string &path, std::string &text) {
-  std::ifstream in(path, std::ios::binary);
-  if (!in)
-    return false;
-  std::ostringstream s;
-  s << in.rdbuf();
-  text = s.str();
-  return !in.bad();
-}
+using hvsctl::Client;
+constexpr int kExitUsage = hvsctl::kUsage;
+constexpr int kExitInput = hvsctl::kInput;
+constexpr int kExitRegistry = hvsctl::kRegistry;
+constexpr int kExitResources = hvsctl::kResources;
 
 int do_import(const std::string &file, bool replace) {
   std::string text;
-  if (!read_file(file, text)) {
+  if (!hvsctl::read_text(file, text)) {
     fmt::print(stderr, "hvsctl: cannot read {}: {}\n", file,
                std::strerror(errno));
     return kExitInput;
@@ -109,9 +62,9 @@ int do_import(const std::string &file, bool replace) {
     }
   }
 
-  Registry reg;
-  if (!reg.open(true))
-    return kExitRegistry;
+  Client reg;
+  if (int rc = reg.open_for_write(true))
+    return rc;
   void *h = reg.get();
   if (hvsadm_begin(h) != HVS_OK)
     return reg.fail("cannot start the import");
@@ -143,6 +96,7 @@ int do_import(const std::string &file, bool replace) {
                                           file, k.line, k.name)));
     return abandon(kExitInput);
   }
+  reg.record_writer();
   if (hvsadm_commit(h) != HVS_OK)
     return reg.fail("cannot commit the import");
   fmt::print("imported {} keys from {} into {}\n", keys.size(), file,
@@ -156,7 +110,7 @@ struct Collected {
   std::vector<std::string> values;
 };
 
-int walk_all(Registry &reg, const std::string &root, Collected &out) {
+int walk_all(Client &reg, const std::string &root, Collected &out) {
   auto cb = [](void *arg, const char *name, const void *value, uint32_t len,
                int has_value) -> int {
     auto *c = static_cast<Collected *>(arg);
@@ -173,7 +127,7 @@ int walk_all(Registry &reg, const std::string &root, Collected &out) {
 }
 
 int do_export(const std::string &root, const std::string &out_file) {
-  Registry reg;
+  Client reg;
   if (!reg.open(false))
     return kExitRegistry;
   Collected c;
@@ -226,7 +180,7 @@ int dump_relative(const std::string &root, const Collected &c) {
 }
 
 int do_dump(const std::string &root, bool relative) {
-  Registry reg;
+  Client reg;
   if (!reg.open(false))
     return kExitRegistry;
   Collected c;
