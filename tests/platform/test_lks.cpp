@@ -305,8 +305,10 @@ TEST_F(LockTest, EngineFollowsTheRegistryLocation) {
   term_ok(h2);
   unsetenv("TMPDIR");
 
-  // No lock store for ZooKeeper yet: refused at start, nothing handed out.
-  setenv("HVS_REGISTRY", "zk://localhost:2181/hvs", 1);
+  // An ensemble that cannot be reached (nothing listens on that loopback
+  // port): refused at start, nothing handed out.
+  setenv("HVS_REGISTRY", "zk://127.0.0.1:1/hvs", 1);
+  setenv("HVS_ZK_TIMEOUT_MS", "500", 1);
   lks_status st = fresh_status();
   void *h = nullptr;
   EXPECT_EQ(open_handle(&h, &st), LKS_ERR_SYSTEM);
