@@ -3,7 +3,7 @@
 # fresh SQLite registry, and show it through prsrctl.
 set -euo pipefail
 cd "$(dirname "$0")/.."
-scripts/setup.sh
+scripts/setup.sh --build-only
 cmake -S . -B build -DCMAKE_BUILD_TYPE=RelWithDebInfo -DPRSR_BUILD_TESTS=OFF \
       -DPRSR_BUILD_BENCH=OFF >/dev/null
 cmake --build build -j"$(nproc)" --target prsrctl hvsctl >/dev/null
