@@ -28,6 +28,23 @@ int main(int argc, char **argv) {
   for (Registrar r : families())
     r(app, g, exit_code);
 
+  /* Name an unknown command rather than only asking for one. */
+  for (int i = 1; i < argc; ++i) {
+    std::string a = argv[i];
+    if (a == "--registry") {
+      ++i;
+      continue;
+    }
+    if (a.empty() || a[0] == '-')
+      continue;
+    auto known = app.get_subcommands([&a](CLI::App *c) { return c->get_name() == a; });
+    if (known.empty()) {
+      std::cerr << "prsrctl: unknown command '" << a << "' (see prsrctl --help)\n";
+      return kBadArgument;
+    }
+    break;
+  }
+
   try {
     app.parse(argc, argv);
   } catch (const CLI::ParseError &e) {

@@ -1,0 +1,207 @@
+// prsrctl end to end on the sample cluster in a fresh SQLite registry: every
+// command family in readable and JSON form, and the exit codes that tell
+// success, not found, bad argument, lock refused and registry failure apart.
+// JSON is parsed and checked, never compared as text.
+#include <gtest/gtest.h>
+
+#include <sys/wait.h>
+
+#include <fstream>
+#include <functional>
+#include <sstream>
+
+#include <nlohmann/json.hpp>
+
+#include "lks.h"
+#include "mp.h"
+#include "test_util.h"
+
+namespace {
+
+using nlohmann::json;
+
+struct Result {
+  int status;
+  std::string out, err;
+};
+
+std::string slurp(const std::string &path) {
+  std::ifstream in(path, std::ios::binary);
+  std::ostringstream s;
+  s << in.rdbuf();
+  return s.str();
+}
+
+class Prsrctl : public ::testing::Test {
+protected:
+  void SetUp() override {
+    reg_ = "sqlite:" + dir_.file("reg.db");
+    ASSERT_EQ(0, sh(std::string(HVSCTL_PATH) + " --registry " + reg_ +
+                    " import " SAMPLE_CLUSTER)
+                     .status);
+  }
+  Result sh(const std::string &cmd) {
+    std::string out = dir_.file("out.txt"), err = dir_.file("err.txt");
+    int rc = std::system((cmd + " >" + out + " 2>" + err).c_str());
+    return {WIFEXITED(rc) ? WEXITSTATUS(rc) : -1, slurp(out), slurp(err)};
+  }
+  Result run(const std::string &args) {
+    return sh("LKS_TIMEOUT_MS=300 " + std::string(PRSRCTL_PATH) + " --registry " + reg_ + " " +
+              args);
+  }
+  json run_json(const std::string &args) {
+    Result r = run("--json " + args);
+    EXPECT_EQ(0, r.status) << args << "\n" << r.err;
+    try {
+      return json::parse(r.out);
+    } catch (const json::exception &e) {
+      ADD_FAILURE() << args << ": not one JSON document: " << e.what() << "\n" << r.out;
+      return json();
+    }
+  }
+
+  hvstest::TempDir dir_;
+  std::string reg_;
+};
+
+TEST_F(Prsrctl, ConfigReportsInBothForms) {
+  json dbs = run_json("config database");
+  EXPECT_EQ(json({"HR", "Sales", "SalesDR"}), dbs["databases"]);
+
+  json db = run_json("config database -d SALES");
+  EXPECT_EQ("Sales", db["database"]);
+  EXPECT_EQ(true, db["enabled"]);
+  EXPECT_EQ("PRIMARY", db["role"]);
+  ASSERT_EQ(3u, db["instances"].size());
+  EXPECT_EQ("node1", db["instances"][0]["node"]);
+  bool dotted = false;
+  for (auto &s : db["services"])
+    dotted = dotted || s["service"] == "Sales.East";
+  EXPECT_TRUE(dotted) << db["services"].dump();
+  EXPECT_EQ("AUTOMATIC", run_json("config database -d salesdr")["policy"]);
+
+  json srv = run_json("config service -d sales -s SALES.EAST");
+  ASSERT_EQ(3u, srv["instances"].size());
+  EXPECT_EQ("available", srv["instances"][2]["role"]);
+
+  json vlm = run_json("config vlm -p STORAGE -n vlm1");
+  EXPECT_EQ("VLM1", vlm["name"]);
+  json node = run_json("config nodeapps -n node3");
+  EXPECT_EQ("Node3", node["node"]);
+  EXPECT_FALSE(node["vip"].get<std::string>().empty()) << "the VIP falls back to VIP.IP";
+
+  for (const char *args : {"config database", "config database -d sales",
+                           "config service -d sales -s sales.east",
+                           "config vlm -p storage -n vlm1", "config nodeapps -n node1"}) {
+    Result r = run(args);
+    EXPECT_EQ(0, r.status) << args << "\n" << r.err;
+    EXPECT_FALSE(r.out.empty()) << args;
+    EXPECT_EQ(std::string::npos, r.out.find('{')) << args << ": readable form, not JSON";
+  }
+}
+
+TEST_F(Prsrctl, ChangesAreSeenByTheNextCall) {
+  struct Step {
+    std::string change, read, field;
+    json want;
+  } steps[] = {
+      {"disable database -d Sales", "get enabled -d sales", "enabled", false},
+      {"enable database -d SALES", "get enabled -d sales", "enabled", true},
+      {"disable instance -d sales -i SALES1", "get enabled -d sales -i sales1", "enabled", false},
+      {"disable service -d sales -s sales.east", "get enabled -d sales -s sales.east -i sales2",
+       "enabled", false},
+      {"enable service-instance -d sales -s sales.east -i sales2",
+       "get enabled -d sales -s sales.east -i sales2", "enabled", true},
+      {"set role -d hr LOGICAL_STANDBY", "get role -d HR", "role", "logical_standby"},
+      {"set role -d hr snapshot-standby", "get role -d hr", "role", "snapshot_standby"},
+  };
+  for (auto &s : steps) {
+    Result r = run(s.change);
+    ASSERT_EQ(0, r.status) << s.change << "\n" << r.err;
+    EXPECT_EQ(s.want, run_json(s.read)[s.field]) << s.change;
+  }
+  /* The service-wide change reached every instance of the service. */
+  json db = run_json("config database -d sales");
+  int seen = 0;
+  for (auto &s : db["services"]) {
+    if (s["service"] != "Sales.East")
+      continue;
+    for (auto &p : s["preferred"]) {
+      if (p["instance"] == "Sales1") {
+        EXPECT_EQ(false, p["enabled"]);
+        ++seen;
+      }
+    }
+  }
+  EXPECT_EQ(1, seen) << db["services"].dump();
+}
+
+TEST_F(Prsrctl, LookupsAnswerWithNamesAsSpelled) {
+  EXPECT_EQ("Sales2", run_json("get instance -d sales -n NODE2")["instance"]);
+  EXPECT_EQ("Sales1", run_json("get instance -d sales -i sales1")["instance"]);
+  EXPECT_EQ("Sales", run_json("get spname -d SALES")["spname"]);
+  EXPECT_EQ("example.com", run_json("get domain -d sales")["domain"]);
+  EXPECT_EQ("preconnect", run_json("get policy -d sales -s salesbatch")["policy"]);
+  EXPECT_EQ(true, run_json("get supported -d sales -s sales.east -i sales1")["supported"]);
+}
+
+TEST_F(Prsrctl, ExitCodesTellFailuresApart) {
+  struct Case {
+    std::string args;
+    int status;
+    std::string names; /* what the message must name */
+  } cases[] = {
+      {"get enabled -d nosuch", 7, "nosuch"},
+      {"config database -d nosuch", 7, "nosuch"},
+      {"config service -d sales -s nosuch", 7, "nosuch"},
+      {"config vlm -p storage -n nosuch", 7, "nosuch"},
+      {"config nodeapps -n nosuch", 7, "nosuch"},
+      {"get instance -d sales -n nosuchnode", 7, "nosuchnode"},
+      {"set role -d hr chief", 2, "chief"},
+      {"get enabled", 2, "--db"},
+      {"frobnicate", 2, "frobnicate"},
+  };
+  for (auto &c : cases) {
+    Result r = run(c.args);
+    EXPECT_EQ(c.status, r.status) << c.args << "\n" << r.err;
+    EXPECT_NE(std::string::npos, r.err.find(c.names)) << c.args << "\n" << r.err;
+    EXPECT_TRUE(r.out.empty()) << c.args << ": errors go to stderr";
+  }
+
+  /* An unreachable registry names its location. */
+  std::string missing = "sqlite:" + dir_.file("none/reg.db");
+  Result r = sh(std::string(PRSRCTL_PATH) + " --registry " + missing + " get enabled -d sales");
+  EXPECT_EQ(3, r.status);
+  EXPECT_NE(std::string::npos, r.err.find(missing)) << r.err;
+
+  /* A writer kept out by another holder of the database's lock. */
+  setenv("HVS_REGISTRY", reg_.c_str(), 1);
+  lks_status st{};
+  void *h = nullptr;
+  lks_version v{2, 1};
+  lks_init_params p{};
+  p.metactx = plinit(nullptr);
+  p.alloc = [](void *, uint64_t n) -> void * { return calloc(1, n); };
+  p.release = [](void *, void *m) { free(m); };
+  p.flags = 192;
+  ASSERT_EQ(0, lkssinit(&st, &h, &v, &p, 272));
+  ASSERT_EQ(0, lksmutexlock(&st, h, "FLTM.DATABASE.DATABASES.sales"));
+  r = run("disable database -d sales");
+  EXPECT_EQ(4, r.status) << r.err;
+  EXPECT_NE(std::string::npos, r.err.find("lock")) << r.err;
+  EXPECT_EQ(0, run("get enabled -d sales").status) << "reads take no lock";
+  lksunlock(&st, h, "FLTM.DATABASE.DATABASES.sales");
+  lkssterm(&st, h);
+  EXPECT_EQ(true, run_json("get enabled -d sales")["enabled"]) << "the refused write left nothing";
+}
+
+TEST_F(Prsrctl, VerboseShowsTheLibrarysTrace) {
+  Result r = run("-v get enabled -d sales");
+  EXPECT_EQ(0, r.status);
+  EXPECT_NE(std::string::npos, r.err.find("prsr_get_db_enabled: key_name = "
+                                          "[DATABASE.DATABASES.sales.ENABLED]"))
+      << r.err.substr(0, 2000);
+  EXPECT_EQ(std::string::npos, run("get enabled -d sales").err.find("prsr_get_db_enabled"));
+}
+
+} // namespace
