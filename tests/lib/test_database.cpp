@@ -7,6 +7,7 @@
 #include <cstring>
 
 #include "fixture.h"
+#include "lock_holder.h"
 #include "lks.h"
 #include "mp.h"
 #include "util/umem.h"
@@ -360,36 +361,8 @@ TEST_F(DbConfig, ServiceFlagsAndFailoverPolicy) {
  * gives up with 5 once the lock service's wait is over. */
 TEST_F(DbConfig, WaitsForAnExclusiveHolderInAnotherProcess) {
   for (bool release_early : {true, false}) {
-    int to_child[2], to_parent[2];
-    ASSERT_EQ(0, pipe(to_child));
-    ASSERT_EQ(0, pipe(to_parent));
-    pid_t pid = fork();
-    ASSERT_GE(pid, 0);
-    if (pid == 0) {
-      lks_status st{};
-      void *h = nullptr;
-      lks_version v{2, 1};
-      lks_init_params p{};
-      p.metactx = plinit(nullptr);
-      p.alloc = &u_allocm;
-      p.release = &u_freem;
-      p.flags = 192;
-      char c = 'x';
-      if (lkssinit(&st, &h, &v, &p, 272) != 0 ||
-          lksmutexlock(&st, h, "FLTM.DATABASE.DATABASES.sales") != 0)
-        c = 'e';
-      if (write(to_parent[1], &c, 1) != 1)
-        _exit(2);
-      if (release_early)
-        usleep(150 * 1000);
-      else if (read(to_child[0], &c, 1) != 1)
-        _exit(2);
-      lksunlock(&st, h, "FLTM.DATABASE.DATABASES.sales");
-      _exit(0);
-    }
-    char c = 0;
-    ASSERT_EQ(1, read(to_parent[0], &c, 1));
-    ASSERT_EQ('x', c);
+    LockHolder holder("FLTM.DATABASE.DATABASES.sales", false, release_early ? 150 : -1);
+    ASSERT_TRUE(holder.granted());
 
     Session s;
     Held before = Held::now();
@@ -403,18 +376,14 @@ TEST_F(DbConfig, WaitsForAnExclusiveHolderInAnotherProcess) {
       ASSERT_NE(nullptr, cfg);
       EXPECT_EQ("Sales", str(cfg->sp_name));
       prsr_release_db_config(s.status(), s.ctx(), cfg);
+      EXPECT_EQ(0, holder.wait());
     } else {
       EXPECT_EQ(PRSR_ERR_LOCK, rc);
       EXPECT_EQ(nullptr, cfg);
       EXPECT_GE(waited, std::chrono::milliseconds(250));
       EXPECT_EQ(LKS_ERR_TIMEOUT, lks_status_code(s.status()));
-      EXPECT_EQ(1, write(to_child[1], "g", 1));
+      EXPECT_EQ(0, holder.release());
     }
     EXPECT_EQ(before, Held::now());
-    int wst = 0;
-    waitpid(pid, &wst, 0);
-    EXPECT_TRUE(WIFEXITED(wst) && WEXITSTATUS(wst) == 0);
-    for (int fd : {to_child[0], to_child[1], to_parent[0], to_parent[1]})
-      close(fd);
   }
 }

@@ -7,6 +7,7 @@
 #include <cstring>
 
 #include "fixture.h"
+#include "lock_holder.h"
 #include "lks.h"
 
 using namespace prsrtest;
@@ -97,35 +98,8 @@ TEST_F(DbEnabled, BadInputIsRefused) {
 /* An exclusive holder in another process keeps a second writer out until it
  * releases; the refused writer changes nothing. */
 TEST_F(DbEnabled, ExclusiveHolderKeepsOutASecondWriterAcrossProcesses) {
-  int to_child[2], to_parent[2];
-  ASSERT_EQ(0, pipe(to_child));
-  ASSERT_EQ(0, pipe(to_parent));
-  pid_t pid = fork();
-  ASSERT_GE(pid, 0);
-  if (pid == 0) {
-    lks_status st{};
-    void *h = nullptr;
-    lks_version v{2, 1};
-    lks_init_params p{};
-    p.metactx = plinit(nullptr);
-    p.alloc = &u_allocm;
-    p.release = &u_freem;
-    p.flags = 192;
-    char c = 'x';
-    if (lkssinit(&st, &h, &v, &p, 272) != 0 ||
-        lksmutexlock(&st, h, "FLTM.DATABASE.DATABASES.sales") != 0)
-      c = 'e';
-    if (write(to_parent[1], &c, 1) != 1 || read(to_child[0], &c, 1) != 1)
-      _exit(2);
-    lksunlock(&st, h, "FLTM.DATABASE.DATABASES.sales");
-    c = 'r';
-    if (write(to_parent[1], &c, 1) != 1)
-      _exit(2);
-    _exit(0);
-  }
-  char c = 0;
-  ASSERT_EQ(1, read(to_parent[0], &c, 1));
-  ASSERT_EQ('x', c);
+  LockHolder holder("FLTM.DATABASE.DATABASES.sales", false);
+  ASSERT_TRUE(holder.granted());
 
   Session s;
   auto t0 = std::chrono::steady_clock::now();
@@ -138,11 +112,7 @@ TEST_F(DbEnabled, ExclusiveHolderKeepsOutASecondWriterAcrossProcesses) {
   EXPECT_EQ(PRSR_SUCCESS, prsr_get_db_enabled(s.status(), s.ctx(), "sales", &flag));
   EXPECT_EQ(1u, flag);
 
-  ASSERT_EQ(1, write(to_child[1], "go", 1));
-  ASSERT_EQ(1, read(to_parent[0], &c, 1));
+  EXPECT_EQ(0, holder.release());
   EXPECT_EQ(PRSR_SUCCESS, prsr_set_db_enabled(s.status(), s.ctx(), "sales", 0));
   EXPECT_EQ(bytes("false"), reg.value("DATABASE.DATABASES.sales.ENABLED"));
-  int wst = 0;
-  waitpid(pid, &wst, 0);
-  EXPECT_TRUE(WIFEXITED(wst) && WEXITSTATUS(wst) == 0);
 }

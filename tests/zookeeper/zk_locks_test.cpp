@@ -1,6 +1,7 @@
 // Named locks on ZooKeeper across processes: exclusion, sharing, the order
 // of requests, withdrawal on timeout, and a killed holder's session.
 #include "zk_env.h"
+#include "lock_holder.h"
 
 #include "lks.h"
 
@@ -55,61 +56,10 @@ int32_t give(void *h, const char *name) {
   return lksunlock(&st, h, name);
 }
 
-// A child process that takes one lock and holds it until told to go. The
-// child opens its own session after the fork.
-class Holder {
+// A process of its own that takes one lock and holds it until told to go.
+class Holder : public LockHolder {
 public:
-  Holder(const char *name, bool shared) {
-    int up[2], down[2];
-    if (pipe(up) != 0 || pipe(down) != 0)
-      std::abort();
-    pid_ = fork();
-    if (pid_ == 0) {
-      ::close(up[0]);
-      ::close(down[1]);
-      lks_status st = fresh_status();
-      void *h = open_locks();
-      int32_t rc = h ? (shared ? lksshrlock(&st, h, name) : lksmutexlock(&st, h, name)) : -1;
-      char c = rc == LKS_OK ? 'y' : 'n';
-      if (write(up[1], &c, 1) != 1 || rc != LKS_OK)
-        _exit(3);
-      if (read(down[0], &c, 1) != 1)
-        _exit(4);
-      _exit(lksunlock(&st, h, name) == LKS_OK ? 0 : 5);
-    }
-    ::close(up[1]);
-    ::close(down[0]);
-    char c = 0;
-    granted_ = read(up[0], &c, 1) == 1 && c == 'y';
-    ::close(up[0]);
-    go_ = down[1];
-  }
-  ~Holder() {
-    if (pid_ > 0)
-      kill_hard();
-  }
-  bool granted() const { return granted_; }
-  int release() {
-    char c = 'g';
-    EXPECT_EQ(1, write(go_, &c, 1));
-    return reap();
-  }
-  void kill_hard() {
-    kill(pid_, SIGKILL);
-    reap();
-  }
-
-private:
-  int reap() {
-    int status = 0;
-    waitpid(pid_, &status, 0);
-    pid_ = -1;
-    ::close(go_);
-    return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
-  }
-  pid_t pid_ = -1;
-  int go_ = -1;
-  bool granted_ = false;
+  Holder(const char *name, bool shared) : LockHolder(name, shared) {}
 };
 
 const char *kName = "FLTM.DATABASE.DATABASES.sales";

@@ -1,0 +1,45 @@
+// lock_holder: takes one named lock in a process of its own and holds it,
+// for tests that need another process to hold a lock. It is started with
+// exec, never as a bare fork of a test, so that it starts with a clean
+// process whatever threads the test had running.
+//
+//   lock_holder NAME shared|exclusive [HOLD_MS]
+//
+// Writes 'y' to stdout once the lock is held ('n' if it was refused), then
+// holds it for HOLD_MS milliseconds, or without HOLD_MS until a byte (or
+// end of file) arrives on stdin; then releases it and exits 0.
+#include <unistd.h>
+
+#include <cstdlib>
+#include <cstring>
+
+#include "lks.h"
+#include "mp.h"
+
+int main(int argc, char **argv) {
+  if (argc < 3)
+    return 2;
+  const char *name = argv[1];
+  bool shared = std::strcmp(argv[2], "shared") == 0;
+  lks_status st{};
+  void *h = nullptr;
+  lks_version v{2, 1};
+  lks_init_params p{};
+  p.metactx = plinit(nullptr);
+  p.alloc = [](void *, uint64_t n) -> void * { return std::calloc(1, n); };
+  p.release = [](void *, void *m) { std::free(m); };
+  p.flags = 192;
+  int32_t rc = lkssinit(&st, &h, &v, &p, 272);
+  if (rc == 0)
+    rc = shared ? lksshrlock(&st, h, name) : lksmutexlock(&st, h, name);
+  char c = rc == 0 ? 'y' : 'n';
+  if (write(1, &c, 1) != 1 || rc != 0)
+    return 3;
+  if (argc > 3)
+    usleep(static_cast<useconds_t>(std::atoi(argv[3])) * 1000);
+  else if (read(0, &c, 1) < 0)
+    return 4;
+  rc = lksunlock(&st, h, name);
+  lkssterm(&st, h);
+  return rc == 0 ? 0 : 5;
+}
