@@ -5,6 +5,7 @@
 
 #include <cstdio>
 #include <map>
+#include <set>
 #include <string>
 
 namespace {
@@ -12,11 +13,17 @@ namespace {
 class RatioReporter : public benchmark::ConsoleReporter {
 public:
   void ReportRuns(const std::vector<Run> &runs) override {
+    /* With repetitions, the median stands for the benchmark. */
     for (const Run &r : runs) {
-      if (r.run_type != Run::RT_Iteration || r.error_occurred)
+      if (r.error_occurred)
         continue;
-      std::string name = r.benchmark_name();
-      times_[name] = r.GetAdjustedCPUTime();
+      std::string name = r.run_name.str();
+      if (r.run_type == Run::RT_Aggregate && r.aggregate_name == "median") {
+        times_[name] = r.GetAdjustedCPUTime();
+        medians_.insert(name);
+      } else if (r.run_type == Run::RT_Iteration && !medians_.count(name)) {
+        times_[name] = r.GetAdjustedCPUTime();
+      }
     }
     ConsoleReporter::ReportRuns(runs);
   }
@@ -43,6 +50,7 @@ public:
 
 private:
   std::map<std::string, double> times_;
+  std::set<std::string> medians_;
 };
 
 } // namespace

@@ -47,6 +47,10 @@ uint64_t name_hash(const char *s) {
   return h;
 }
 
+// Bumped by every new registration, so that remembered answers of
+// trcgetcompid() are asked again.
+std::atomic<uint64_t> g_generation{1};
+
 // Slot of name, or of the empty slot where it would go; kSlots when the
 // table is full and the name is absent.
 size_t probe(const char *name) {
@@ -180,6 +184,7 @@ TRC_EXPORT uintptr_t trccompreg(const char *, const char *name, uint32_t, int32_
       return 0;
     std::strncpy(c->name, name, kMaxName - 1);
     g_table[i].store(c, std::memory_order_release);
+    g_generation.fetch_add(1, std::memory_order_acq_rel);
   }
   return i + 1;
 }
@@ -188,20 +193,25 @@ TRC_EXPORT uintptr_t trcgetcompid(const char *name) {
   if (name == nullptr || *name == '\0')
     return 0;
   // Callers ask with the same constant text again and again: remember the
-  // last text this thread found. Slots are never emptied, so a handle once
-  // found stays right for that text as long as the text is unchanged.
-  thread_local const char *last_text = nullptr;
-  thread_local char last_name[kMaxName] = {};
-  thread_local uintptr_t last_handle = 0;
-  if (name == last_text && std::strncmp(name, last_name, kMaxName - 1) == 0)
+  // last answer this thread got, found or not. It stays right while the text
+  // is unchanged and no component has been registered since.
+  /* initial-exec: no call into the dynamic linker to find them. */
+  static __attribute__((tls_model("initial-exec"))) thread_local const char *last_text = nullptr;
+  static __attribute__((tls_model("initial-exec"))) thread_local char last_name[kMaxName] = {};
+  static __attribute__((tls_model("initial-exec"))) thread_local uintptr_t last_handle = 0;
+  static __attribute__((tls_model("initial-exec"))) thread_local uint64_t last_generation = 0;
+  uint64_t generation = g_generation.load(std::memory_order_acquire);
+  if (name == last_text && generation == last_generation &&
+      std::strncmp(name, last_name, kMaxName - 1) == 0)
     return last_handle;
   size_t i = probe(name);
-  if (i == kSlots || g_table[i].load(std::memory_order_acquire) == nullptr)
-    return 0;
+  uintptr_t handle =
+      (i == kSlots || g_table[i].load(std::memory_order_acquire) == nullptr) ? 0 : i + 1;
   last_text = name;
   std::strncpy(last_name, name, kMaxName - 1);
-  last_handle = i + 1;
-  return last_handle;
+  last_handle = handle;
+  last_generation = generation;
+  return handle;
 }
 
 TRC_EXPORT int32_t trcprft(uintptr_t comp, int32_t level, const char *fmt, va_list ap) {
