@@ -25,6 +25,17 @@
 namespace prsrtest {
 
 inline std::string bytes(const char *s) { return std::string(s, std::strlen(s) + 1); }
+/* A text field for comparison: "<null>" for NULL. */
+inline std::string str(const char *s) { return s ? s : "<null>"; }
+
+/* Frees a table of library texts (NULL entries allowed) and the table. */
+inline void free_table(void *meta, char **t, uint32_t n) {
+  for (uint32_t i = 0; t != nullptr && i < n; ++i)
+    if (t[i])
+      u_freem(meta, t[i]);
+  if (t)
+    u_freem(meta, t);
+}
 
 #ifdef PRSR_TEST_ON_ZOOKEEPER
 /* The executable that runs these tests on ZooKeeper gives every registry a

@@ -18,8 +18,6 @@ namespace {
 
 const std::string kDb = "DATABASE.DATABASES.sales";
 
-std::string str(const char *s) { return s ? std::string(s) : std::string("<null>"); }
-
 /* A fetched record, released when the test is done with it. */
 struct Fetch {
   Session &s;

@@ -30,18 +30,14 @@ TEST_F(Faults, SessionOpen) {
 
 TEST_F(Faults, DbEnabled) {
   Session s;
-  EXPECT_GT(sweep("prsr_get_db_enabled/alloc", Fault::Alloc, {PRSR_ERR_MEMORY},
-                  [&] {
-                    uint32_t f;
-                    return prsr_get_db_enabled(s.status(), s.ctx(), "Sales", &f);
-                  }),
-            0);
-  EXPECT_GT(sweep("prsr_get_db_enabled/registry", Fault::Registry, {PRSR_ERR_REGISTRY},
-                  [&] {
-                    uint32_t f;
-                    return prsr_get_db_enabled(s.status(), s.ctx(), "Sales", &f);
-                  }),
-            0);
+  for (auto [kind, want] : {std::pair<Fault, int32_t>{Fault::Alloc, PRSR_ERR_MEMORY},
+                            std::pair<Fault, int32_t>{Fault::Registry, PRSR_ERR_REGISTRY}})
+    EXPECT_GT(sweep("prsr_get_db_enabled", kind, {want},
+                    [&] {
+                      uint32_t f;
+                      return prsr_get_db_enabled(s.status(), s.ctx(), "Sales", &f);
+                    }),
+              0);
   for (Fault kind : {Fault::Alloc, Fault::Registry, Fault::Lock})
     sweep("prsr_set_db_enabled", kind, {PRSR_ERR_MEMORY, PRSR_ERR_REGISTRY, PRSR_ERR_LOCK}, [&] {
       return prsr_set_db_enabled(s.status(), s.ctx(), "Sales", 0);
@@ -69,11 +65,7 @@ TEST_F(Faults, Readers) {
       uint32_t n = 0;
       int32_t rc = prsr_get_multivalues(meta, comp, hvs, "DATABASE.DATABASES.sales.ENVIRONMENT",
                                         &list, &n);
-      for (uint32_t i = 0; i < n; ++i)
-        if (list[i])
-          u_freem(meta, list[i]);
-      if (list)
-        u_freem(meta, list);
+      free_table(meta, list, n);
       return rc;
     });
     sweep("prsr_get_subkeys", kind, {PRSR_SUCCESS, PRSR_ERR_MEMORY, PRSR_ERR_REGISTRY}, [&] {
@@ -81,10 +73,7 @@ TEST_F(Faults, Readers) {
       uint32_t n = 0;
       int32_t rc =
           prsr_get_subkeys(meta, comp, hvs, "DATABASE.DATABASES.sales.INSTANCE", &names, &n);
-      for (uint32_t i = 0; i < n; ++i)
-        u_freem(meta, names[i]);
-      if (names)
-        u_freem(meta, names);
+      free_table(meta, names, n);
       return rc;
     });
   }

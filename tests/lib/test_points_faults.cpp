@@ -9,6 +9,7 @@
 #include <vector>
 
 #include "lks.h"
+#include "lock_holder.h"
 #include "points_fixture.h"
 #include "registry/registry.h"
 
@@ -86,56 +87,6 @@ TEST_F(PointFaults, EveryFailureLeavesNothingBehind) {
   EXPECT_EQ(bytes("PHYSICAL_STANDBY"), reg.value("DATABASE.DATABASES.sales.ROLE"));
 }
 
-namespace {
-
-/* A lock held by another process until release() is called. */
-class ForeignLock {
-public:
-  ForeignLock(const char *name, bool shared) {
-    if (pipe(to_child_) != 0 || pipe(to_parent_) != 0)
-      return;
-    pid_ = fork();
-    if (pid_ == 0) {
-      lks_status st{};
-      void *h = nullptr;
-      lks_version v{2, 1};
-      lks_init_params p{};
-      p.metactx = plinit(nullptr);
-      p.alloc = &u_allocm;
-      p.release = &u_freem;
-      p.flags = 192;
-      char ch = 'x';
-      if (lkssinit(&st, &h, &v, &p, 272) != 0 ||
-          (shared ? lksshrlock(&st, h, name) : lksmutexlock(&st, h, name)) != 0)
-        ch = 'e';
-      if (write(to_parent_[1], &ch, 1) != 1 || read(to_child_[0], &ch, 1) != 1)
-        _exit(2);
-      lksunlock(&st, h, name);
-      _exit(0);
-    }
-    char ch = 0;
-    held_ = pid_ > 0 && read(to_parent_[0], &ch, 1) == 1 && ch == 'x';
-  }
-  ~ForeignLock() { release(); }
-  bool held() const { return held_; }
-  void release() {
-    if (pid_ <= 0)
-      return;
-    if (write(to_child_[1], "g", 1) != 1)
-      kill(pid_, SIGKILL);
-    int wst = 0;
-    waitpid(pid_, &wst, 0);
-    pid_ = -1;
-  }
-
-private:
-  int to_child_[2] = {-1, -1}, to_parent_[2] = {-1, -1};
-  pid_t pid_ = -1;
-  bool held_ = false;
-};
-
-} // namespace
-
 /* Which writers a shared and an exclusive holder of the database's lock
  * keep out, and that the refused ones change nothing. */
 TEST_F(PointFaults, LockModesAgainstAnotherProcess) {
@@ -151,8 +102,8 @@ TEST_F(PointFaults, LockModesAgainstAnotherProcess) {
   for (bool shared : {true, false}) {
     SCOPED_TRACE(shared ? "shared holder" : "exclusive holder");
     sample_service(reg);
-    ForeignLock holder("FLTM.DATABASE.DATABASES.sales", shared);
-    ASSERT_TRUE(holder.held());
+    LockHolder holder("FLTM.DATABASE.DATABASES.sales", shared);
+    ASSERT_TRUE(holder.granted());
     Session s;
     char buf[64];
     uint32_t w = 0;

@@ -15,14 +15,6 @@ struct Readers : ::testing::Test {
   void *meta() { return s.ctx()->metactx; }
   void *hvs() { return s.ctx()->hvs_handle; }
   uintptr_t comp() { return s.ctx()->trace_comp; }
-  void free_table(char **t, uint32_t n) {
-    if (!t)
-      return;
-    for (uint32_t i = 0; i < n; ++i)
-      if (t[i])
-        u_freem(meta(), t[i]);
-    u_freem(meta(), t);
-  }
 };
 
 } // namespace
@@ -90,7 +82,7 @@ TEST_F(Readers, MultiStrings) {
     if (count == 0) {
       EXPECT_EQ(nullptr, list);
     }
-    free_table(list, count);
+    free_table(meta(), list, count);
   }
   /* A missing key leaves the caller's table variable alone. */
   char **untouched = reinterpret_cast<char **>(0x10);
@@ -116,7 +108,7 @@ TEST_F(Readers, SubkeysAndCasePreservedNames) {
   ASSERT_EQ(0, prsr_get_subkeys(meta(), comp(), hvs(), "P", &names, &count));
   ASSERT_EQ(1u, count);
   EXPECT_STREQ("one", names[0]);
-  free_table(names, count);
+  free_table(meta(), names, count);
 
   reg.text("P.b*c", "B.C");
   reg.text("P.a", "A");
@@ -148,7 +140,7 @@ TEST_F(Readers, SubkeysAndCasePreservedNames) {
   for (auto *v : partial)
     if (v)
       u_freem(meta(), v);
-  free_table(names, count);
+  free_table(meta(), names, count);
 }
 
 TEST_F(Readers, DupBytes) {

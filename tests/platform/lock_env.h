@@ -5,6 +5,7 @@
 
 #include "lks.h"
 
+#include <chrono>
 #include <cstdlib>
 #include <cstring>
 #include <filesystem>
@@ -45,6 +46,47 @@ inline int32_t open_handle(void **handle, lks_status *st) {
   return lkssinit(st, handle, &v, &p, 272);
 }
 
+// A handle that must open.
+inline void *open_ok() {
+  lks_status st = fresh_status();
+  void *h = nullptr;
+  EXPECT_EQ(open_handle(&h, &st), LKS_OK) << lks_status_text(&st);
+  EXPECT_NE(h, nullptr);
+  return h;
+}
+
+// One lock request: its code, the status text and how long it took.
+struct Attempt {
+  int32_t code;
+  std::string text;
+  long ms;
+};
+
+inline Attempt try_lock(void *h, const char *name, bool shared) {
+  lks_status st = fresh_status();
+  auto t0 = std::chrono::steady_clock::now();
+  int32_t rc = shared ? lksshrlock(&st, h, name) : lksmutexlock(&st, h, name);
+  auto ms = std::chrono::duration_cast<std::chrono::milliseconds>(
+                std::chrono::steady_clock::now() - t0)
+                .count();
+  EXPECT_EQ(lks_status_code(&st), rc);
+  return {rc, lks_status_text(&st), static_cast<long>(ms)};
+}
+
+inline int32_t unlock(void *h, const char *name) {
+  lks_status st = fresh_status();
+  int32_t rc = lksunlock(&st, h, name);
+  EXPECT_EQ(rc == LKS_OK, std::string(lks_status_text(&st)).empty()) << lks_status_text(&st);
+  return rc;
+}
+
+inline void unlock_ok(void *h, const char *name) { EXPECT_EQ(unlock(h, name), LKS_OK); }
+
+inline void term_ok(void *h) {
+  lks_status st = fresh_status();
+  EXPECT_EQ(lkssterm(&st, h), LKS_OK) << lks_status_text(&st);
+}
+
 class LockTest : public ::testing::Test {
 protected:
   void SetUp() override {
@@ -58,13 +100,7 @@ protected:
     std::error_code ec;
     std::filesystem::remove_all(dir_, ec);
   }
-  void *open() {
-    lks_status st = fresh_status();
-    void *h = nullptr;
-    EXPECT_EQ(open_handle(&h, &st), LKS_OK) << lks_status_text(&st);
-    EXPECT_NE(h, nullptr);
-    return h;
-  }
+  void *open() { return open_ok(); }
   std::string dir_;
 };
 

@@ -74,34 +74,6 @@ private:
   bool granted_ = false;
 };
 
-struct Attempt {
-  int32_t code;
-  std::string text;
-  long ms;
-};
-
-Attempt try_lock(void *h, const char *name, bool shared) {
-  lks_status st = fresh_status();
-  auto t0 = std::chrono::steady_clock::now();
-  int32_t rc = shared ? lksshrlock(&st, h, name) : lksmutexlock(&st, h, name);
-  auto ms = std::chrono::duration_cast<std::chrono::milliseconds>(
-                std::chrono::steady_clock::now() - t0)
-                .count();
-  EXPECT_EQ(lks_status_code(&st), rc);
-  return {rc, lks_status_text(&st), static_cast<long>(ms)};
-}
-
-void unlock_ok(void *h, const char *name) {
-  lks_status st = fresh_status();
-  EXPECT_EQ(lksunlock(&st, h, name), LKS_OK) << lks_status_text(&st);
-  EXPECT_STREQ(lks_status_text(&st), "");
-}
-
-void term_ok(void *h) {
-  lks_status st = fresh_status();
-  EXPECT_EQ(lkssterm(&st, h), LKS_OK) << lks_status_text(&st);
-}
-
 const char *kName = "FLTM.DATABASE.DATABASES.sales";
 
 } // namespace

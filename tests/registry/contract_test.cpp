@@ -13,6 +13,7 @@
 
 namespace {
 
+using hvstest::last_error;
 using hvstest::RegistryEnv;
 using hvstest::TempDir;
 
@@ -21,16 +22,6 @@ struct Walked {
   bool has_value;
   std::string value;
 };
-
-std::string last_error(void *h, uint32_t *code = nullptr) {
-  uint32_t c = 0;
-  char msg[1024] = "";
-  uint32_t len = sizeof msg;
-  hvsapi_get_last_error(h, &c, msg, &len);
-  if (code)
-    *code = c;
-  return msg;
-}
 
 class Contract : public ::testing::TestWithParam<std::string> {
 protected:

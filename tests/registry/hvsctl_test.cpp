@@ -2,27 +2,13 @@
 // file is refused whole, with the line of the problem.
 #include <gtest/gtest.h>
 
-#include <fstream>
-#include <sstream>
-#include <sys/wait.h>
-
 #include "test_util.h"
 
 namespace {
 
+using hvstest::Result;
+using hvstest::slurp;
 using hvstest::TempDir;
-
-struct Result {
-  int status;
-  std::string out, err;
-};
-
-std::string slurp(const std::string &path) {
-  std::ifstream in(path, std::ios::binary);
-  std::ostringstream s;
-  s << in.rdbuf();
-  return s.str();
-}
 
 void spit(const std::string &path, const std::string &text) {
   std::ofstream(path, std::ios::binary) << text;
@@ -32,11 +18,8 @@ class Hvsctl : public ::testing::Test {
 protected:
   // Runs hvsctl with args on the registry reg (a file in the temp dir).
   Result run(const std::string &reg, const std::string &args) {
-    std::string out = dir_.file("out.txt"), err = dir_.file("err.txt");
-    std::string cmd = std::string(HVSCTL_PATH) + " --registry sqlite:" +
-                      dir_.file(reg) + " " + args + " >" + out + " 2>" + err;
-    int rc = std::system(cmd.c_str());
-    return {WIFEXITED(rc) ? WEXITSTATUS(rc) : -1, slurp(out), slurp(err)};
+    return hvstest::run_shell(dir_, std::string(HVSCTL_PATH) + " --registry sqlite:" +
+                                        dir_.file(reg) + " " + args);
   }
   std::string file(const std::string &name) { return dir_.file(name); }
 

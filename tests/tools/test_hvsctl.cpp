@@ -3,11 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
-#include <cstdlib>
 #include <map>
-#include <fstream>
-#include <sstream>
-#include <sys/wait.h>
 
 #include <nlohmann/json.hpp>
 
@@ -17,19 +13,9 @@
 
 namespace {
 
+using hvstest::Result;
+using hvstest::slurp;
 using nlohmann::json;
-
-struct Result {
-  int status;
-  std::string out, err;
-};
-
-std::string slurp(const std::string &path) {
-  std::ifstream in(path, std::ios::binary);
-  std::ostringstream s;
-  s << in.rdbuf();
-  return s.str();
-}
 
 class HvsctlTool : public ::testing::Test {
 protected:
@@ -39,11 +25,7 @@ protected:
   }
 
   Result run(const std::string &args, const std::string &env = "") {
-    std::string out = dir_.file("out.txt"), err = dir_.file("err.txt");
-    std::string cmd = env + " " + HVSCTL_PATH + " --registry " + reg_ + " " +
-                      args + " >" + out + " 2>" + err;
-    int rc = std::system(cmd.c_str());
-    return {WIFEXITED(rc) ? WEXITSTATUS(rc) : -1, slurp(out), slurp(err)};
+    return hvstest::run_shell(dir_, env + " " + HVSCTL_PATH + " --registry " + reg_ + " " + args);
   }
   json run_json(const std::string &args, int expected_status) {
     Result r = run(args);
@@ -282,26 +264,17 @@ TEST_F(HvsctlTool, RestoreWaitsForAWritersLockAndGivesUp) {
 
   // This process holds one database's lock, as prsr_set_db_enabled would.
   hvstest::RegistryEnv env(reg_);
-  lks_status st{};
-  void *lks = nullptr;
-  lks_init_params params{};
-  params.alloc = [](void *, uint64_t n) { return std::calloc(1, n); };
-  params.release = [](void *, void *p) { std::free(p); };
-  params.flags = 192;
-  lks_version version{2, 1};
-  ASSERT_EQ(0, lkssinit(&st, &lks, &version, &params, 272));
-  ASSERT_EQ(0, lksmutexlock(&st, lks, "FLTM.DATABASE.DATABASES.salesdr"));
+  hvstest::HeldLock lock("FLTM.DATABASE.DATABASES.salesdr");
+  ASSERT_TRUE(lock.held());
 
   Result r = run("restore " + file("backup.json"), "LKS_TIMEOUT_MS=300");
   EXPECT_EQ(4, r.status);
   EXPECT_NE(std::string::npos, r.err.find("FLTM.DATABASE.DATABASES.salesdr"));
   EXPECT_EQ("\"false\"\n", run("get DATABASE.DATABASES.hr.ENABLED").out);
 
-  lksunlock(&st, lks, "FLTM.DATABASE.DATABASES.salesdr");
-  EXPECT_EQ(0, run("restore " + file("backup.json"), "LKS_TIMEOUT_MS=300")
-                   .status);
+  lock.release();
+  EXPECT_EQ(0, run("restore " + file("backup.json"), "LKS_TIMEOUT_MS=300").status);
   EXPECT_EQ("\"true\"\n", run("get DATABASE.DATABASES.hr.ENABLED").out);
-  lkssterm(&st, lks);
 }
 
 } // namespace

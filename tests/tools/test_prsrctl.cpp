@@ -4,33 +4,15 @@
 // JSON is parsed and checked, never compared as text.
 #include <gtest/gtest.h>
 
-#include <sys/wait.h>
-
-#include <fstream>
-#include <functional>
-#include <sstream>
-
 #include <nlohmann/json.hpp>
 
 #include "lks.h"
-#include "mp.h"
 #include "test_util.h"
 
 namespace {
 
+using hvstest::Result;
 using nlohmann::json;
-
-struct Result {
-  int status;
-  std::string out, err;
-};
-
-std::string slurp(const std::string &path) {
-  std::ifstream in(path, std::ios::binary);
-  std::ostringstream s;
-  s << in.rdbuf();
-  return s.str();
-}
 
 class Prsrctl : public ::testing::Test {
 protected:
@@ -40,11 +22,7 @@ protected:
                     " import " SAMPLE_CLUSTER)
                      .status);
   }
-  Result sh(const std::string &cmd) {
-    std::string out = dir_.file("out.txt"), err = dir_.file("err.txt");
-    int rc = std::system((cmd + " >" + out + " 2>" + err).c_str());
-    return {WIFEXITED(rc) ? WEXITSTATUS(rc) : -1, slurp(out), slurp(err)};
-  }
+  Result sh(const std::string &cmd) { return hvstest::run_shell(dir_, cmd); }
   Result run(const std::string &args) {
     return sh("LKS_TIMEOUT_MS=300 " + std::string(PRSRCTL_PATH) + " --registry " + reg_ + " " +
               args);
@@ -175,23 +153,14 @@ TEST_F(Prsrctl, ExitCodesTellFailuresApart) {
   EXPECT_NE(std::string::npos, r.err.find(missing)) << r.err;
 
   /* A writer kept out by another holder of the database's lock. */
-  setenv("HVS_REGISTRY", reg_.c_str(), 1);
-  lks_status st{};
-  void *h = nullptr;
-  lks_version v{2, 1};
-  lks_init_params p{};
-  p.metactx = plinit(nullptr);
-  p.alloc = [](void *, uint64_t n) -> void * { return calloc(1, n); };
-  p.release = [](void *, void *m) { free(m); };
-  p.flags = 192;
-  ASSERT_EQ(0, lkssinit(&st, &h, &v, &p, 272));
-  ASSERT_EQ(0, lksmutexlock(&st, h, "FLTM.DATABASE.DATABASES.sales"));
+  hvstest::RegistryEnv env(reg_);
+  hvstest::HeldLock lock("FLTM.DATABASE.DATABASES.sales");
+  ASSERT_TRUE(lock.held());
   r = run("disable database -d sales");
   EXPECT_EQ(4, r.status) << r.err;
   EXPECT_NE(std::string::npos, r.err.find("lock")) << r.err;
   EXPECT_EQ(0, run("get enabled -d sales").status) << "reads take no lock";
-  lksunlock(&st, h, "FLTM.DATABASE.DATABASES.sales");
-  lkssterm(&st, h);
+  lock.release();
   EXPECT_EQ(true, run_json("get enabled -d sales")["enabled"]) << "the refused write left nothing";
 }
 

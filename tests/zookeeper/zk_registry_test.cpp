@@ -2,6 +2,7 @@
 // component encoding, the packet limit, transactions over it, and an
 // ensemble that goes away and comes back.
 #include "zk_env.h"
+#include "../registry/test_util.h"
 
 #include "hvsadm.h"
 #include "lks.h"
@@ -16,16 +17,9 @@
 
 namespace {
 
+using hvstest::last_error;
 using zktest::fresh_location;
 using zktest::ms_since;
-
-std::string last_error(void *h) {
-  uint32_t code = 0;
-  char msg[1024] = "";
-  uint32_t len = sizeof msg;
-  hvsapi_get_last_error(h, &code, msg, &len);
-  return msg;
-}
 
 class ZooKeeperRegistry : public ::testing::Test {
 protected:
@@ -208,13 +202,7 @@ TEST(ZooKeeperOutage, StoppedServerGivesClearFailuresAndRestartedOneWorksAgain) 
     return std::system((script + what + " " + dir + " >/dev/null").c_str());
   };
   ASSERT_EQ(0, zk("start"));
-  std::string hosts;
-  if (FILE *f = std::fopen((dir + "/address").c_str(), "r")) {
-    char buf[64] = "";
-    if (std::fgets(buf, sizeof buf, f) != nullptr)
-      hosts = buf;
-    std::fclose(f);
-  }
+  std::string hosts = hvstest::slurp(dir + "/address");
   hosts.erase(hosts.find_last_not_of("\n") + 1);
   ASSERT_FALSE(hosts.empty());
   setenv("HVS_REGISTRY", fresh_location("outage", hosts).c_str(), 1);
@@ -227,12 +215,7 @@ TEST(ZooKeeperOutage, StoppedServerGivesClearFailuresAndRestartedOneWorksAgain) 
   ASSERT_EQ(HVS_OK, hvsadm_create_key(adm, "K", 1, "v", 2));
   lks_status st{};
   void *locks = nullptr;
-  lks_version v{2, 1};
-  lks_init_params p{};
-  p.alloc = [](void *, uint64_t n) { return std::calloc(1, n); };
-  p.release = [](void *, void *m) { std::free(m); };
-  p.flags = 192;
-  ASSERT_EQ(LKS_OK, lkssinit(&st, &locks, &v, &p, 272)) << lks_status_text(&st);
+  ASSERT_EQ(LKS_OK, hvstest::open_locks(&st, &locks)) << lks_status_text(&st);
   ASSERT_EQ(LKS_OK, lksmutexlock(&st, locks, "L"));
   ASSERT_EQ(LKS_OK, lksunlock(&st, locks, "L"));
 

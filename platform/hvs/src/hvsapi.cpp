@@ -194,6 +194,12 @@ int32_t hvsapi_open_key(void *handle, void **key_out, const char *name) {
   if (name == nullptr)
     return bad_arg(h, "hvsapi_open_key", "NULL key name");
   std::string_view sv(name);
+  if (!sv.empty()) { // "" opens the root
+    if (const char *why = hvs::key_name_problem(sv))
+      return record(h->serial, HVS_ERR_ARGUMENT,
+                    h->location + ": hvsapi_open_key: key \"" + name +
+                        "\": " + why);
+  }
   auto *k = new (std::nothrow) Key;
   if (k == nullptr)
     return record(h->serial, HVS_ERR_MEMORY, h->location + ": out of memory");
@@ -202,12 +208,6 @@ int32_t hvsapi_open_key(void *handle, void **key_out, const char *name) {
       guarded(h, [&](Backend &b) { return b.open_key(sv, k->data); });
   if (rc != HVS_OK) {
     delete k;
-    // A malformed name is never found; it is told apart only here, off the
-    // path of a key that opens. "" opens the root.
-    if (!sv.empty())
-      if (const char *why = hvs::key_name_problem(sv))
-        return record(h->serial, HVS_ERR_ARGUMENT,
-                      h->location + ": hvsapi_open_key: key \"" + name + "\": " + why);
     return rc;
   }
   *key_out = k;
