@@ -117,6 +117,8 @@ extern "C" int32_t u_get_keydepth(void *metactx, const char *keyname, uint32_t *
   }
 
   *depth = 0;
+  if (parts)
+    subkey[0] = '\0'; /* a name of separators only has no last component */
   char *pos = nullptr;
   for (char *tok = txttok(copy, ".", &pos); tok != nullptr; tok = txttok(nullptr, ".", &pos)) {
     ++*depth;

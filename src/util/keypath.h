@@ -5,7 +5,7 @@
  * touch no registry and take no lock. metactx is the meta context their
  * temporary copies come from. Output buffers carry no size: rel_key_path
  * must hold the subkey text, subkey and prefix must each hold the keyname
- * text.
+ * text, and prefix at least 2 bytes (the blank given for an empty name).
  */
 #ifndef PRSR_UTIL_KEYPATH_H
 #define PRSR_UTIL_KEYPATH_H

@@ -269,6 +269,16 @@ bool parse_registry_file(const std::string &file, const std::string &text,
   } catch (const json::parse_error &e) {
     // e.byte counts from 1 and points at the character that went wrong.
     return fail(line_of(text, e.byte > 0 ? e.byte - 1 : 0), parse_problem(e));
+  } catch (const json::out_of_range &e) {
+    // A number beyond a double (406, "number overflow parsing '1e999'")
+    // comes without a position: the line is where that number stands.
+    std::string what = e.what();
+    auto open = what.find(" '"), bracket = what.find("] ");
+    size_t at = open == std::string::npos
+                    ? std::string::npos
+                    : text.find(what.substr(open + 2, what.size() - open - 3));
+    return fail(at == std::string::npos ? 1 : line_of(text, at),
+                bracket == std::string::npos ? what : what.substr(bracket + 2));
   }
 
   if (!doc.is_object())
