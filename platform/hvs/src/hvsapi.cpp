@@ -3,6 +3,7 @@
 // stores keys is behind hvs::Backend.
 #include <atomic>
 #include <cstring>
+#include <memory>
 #include <mutex>
 #include <unordered_map>
 
@@ -36,6 +37,40 @@ struct Key {
 };
 
 std::atomic<uint64_t> g_serial{0};
+
+// A closed key object kept by its thread for the next open, with the
+// capacity of its buffers: a point read then allocates nothing here.
+thread_local std::unique_ptr<Key> t_spare_key;
+
+Key *take_key(Handle *h) {
+  Key *k = t_spare_key.release();
+  if (k == nullptr) {
+    k = new (std::nothrow) Key;
+    if (k == nullptr)
+      return nullptr;
+  } else {
+    k->data.id = 0;
+    k->data.path.clear();
+    k->data.has_value = false;
+    k->data.type = HVS_TYPE_BINARY;
+    k->data.value.clear();
+    k->listed = false;
+    k->kids.clear();
+    k->next = 0;
+  }
+  k->magic = kKeyMagic;
+  k->owner = h;
+  return k;
+}
+
+void give_key(Key *k) {
+  k->magic = 0;
+  k->owner = nullptr;
+  if (t_spare_key == nullptr && k->data.value.capacity() <= 4096)
+    t_spare_key.reset(k);
+  else
+    delete k;
+}
 
 struct LastError {
   int32_t code = HVS_OK;
@@ -200,14 +235,13 @@ int32_t hvsapi_open_key(void *handle, void **key_out, const char *name) {
                     h->location + ": hvsapi_open_key: key \"" + name +
                         "\": " + why);
   }
-  auto *k = new (std::nothrow) Key;
+  Key *k = take_key(h);
   if (k == nullptr)
     return record(h->serial, HVS_ERR_MEMORY, h->location + ": out of memory");
-  k->owner = h;
   int32_t rc =
       guarded(h, [&](Backend &b) { return b.open_key(sv, k->data); });
   if (rc != HVS_OK) {
-    delete k;
+    give_key(k);
     return rc;
   }
   *key_out = k;
@@ -221,8 +255,7 @@ int32_t hvsapi_close_key(void *handle, void *key) {
   Key *k = as_key(h, key);
   if (k == nullptr)
     return bad_arg(h, "hvsapi_close_key", "NULL or invalid key handle");
-  k->magic = 0;
-  delete k;
+  give_key(k);
   return HVS_OK;
 }
 
