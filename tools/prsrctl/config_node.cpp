@@ -25,22 +25,23 @@ json string_list(char **list, uint32_t count) {
   return a;
 }
 
-/* One aligned "  label  value" line; a missing value shows as "(not set)". */
+/* One aligned "Label  value" row, as the database report has them: a value
+ * that is not there shows as "-", an empty one as "(empty)". */
 void line(const char *label, const char *value) {
-  std::cout << "  " << std::left << std::setw(14) << label << (value ? value : "(not set)")
-            << "\n";
+  std::cout << std::left << std::setw(16) << label
+            << (value == nullptr ? "-" : (*value ? value : "(empty)")) << "\n";
 }
 
+/* A list on one row, comma-separated; "-" when empty. */
 void list_lines(const char *label, char **list, uint32_t count) {
-  bool first = true;
+  std::string joined;
   for (uint32_t i = 0; i < count && list != nullptr; ++i) {
     if (list[i] == nullptr)
       continue;
-    line(first ? label : "", list[i]);
-    first = false;
+    joined += joined.empty() ? "" : ", ";
+    joined += list[i];
   }
-  if (first)
-    line(label, "(none)");
+  line(label, joined.empty() ? nullptr : joined.c_str());
 }
 
 int show_vlm(const Globals &g, const std::string &parent, const std::string &name) {
@@ -71,13 +72,14 @@ int show_vlm(const Globals &g, const std::string &parent, const std::string &nam
           {"environment", string_list(cfg->environment, cfg->environment_count)}});
     return kOk;
   }
-  std::cout << "storage manager " << stored << " (" << parent << ")\n";
-  line("enabled", cfg->enabled ? "yes" : "no");
-  line("bootcfg", cfg->bootcfg);
-  line("tervan home", cfg->tervan_home);
-  line("start options", cfg->start_options);
-  line("version", cfg->version);
-  list_lines("environment", cfg->environment, cfg->environment_count);
+  line("Storage manager", stored);
+  line("Parent", parent.c_str());
+  line("Enabled", cfg->enabled ? "yes" : "no");
+  line("Version", cfg->version);
+  line("Software home", cfg->tervan_home);
+  line("Boot config", cfg->bootcfg);
+  line("Start options", cfg->start_options);
+  list_lines("Environment", cfg->environment, cfg->environment_count);
   return kOk;
 }
 
@@ -115,13 +117,13 @@ int show_nodeapps(const Globals &g, const std::string &node) {
           {"environment", string_list(cfg->environment, cfg->environment_count)}});
     return kOk;
   }
-  std::cout << "node " << (cfg->node_name ? cfg->node_name : node.c_str()) << "\n";
-  line("tervan home", cfg->tervan_home);
-  std::string vip = cfg->vip ? std::string(cfg->vip) + " (" + cls + ")" : std::string();
-  line("vip", cfg->vip ? vip.c_str() : nullptr);
-  line("netmask", cfg->netmask);
-  line("interfaces", cfg->interfaces);
-  list_lines("environment", cfg->environment, cfg->environment_count);
+  line("Node", cfg->node_name ? cfg->node_name : node.c_str());
+  line("Software home", cfg->tervan_home);
+  std::string vip = cfg->vip && *cfg->vip ? std::string(cfg->vip) + " (" + cls + ")" : "";
+  line("VIP", cfg->vip ? vip.c_str() : nullptr);
+  line("Netmask", cfg->netmask);
+  line("Interfaces", cfg->interfaces);
+  list_lines("Environment", cfg->environment, cfg->environment_count);
   return kOk;
 }
 
