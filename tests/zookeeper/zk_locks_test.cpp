@@ -107,6 +107,23 @@ TEST_F(ZooKeeperLocks, KilledHolderReleasesWhenItsSessionExpires) {
   term_ok(patient);
 }
 
+// A holder that stops answering loses its session and with it the lock:
+// another process gets the lock, and the holder, resumed, is told so at its
+// release instead of believing it held the lock throughout.
+TEST_F(ZooKeeperLocks, HolderWhoseSessionExpiredIsToldAtRelease) {
+  LockHolder child(kName, false);
+  ASSERT_TRUE(child.granted());
+  child.signal(SIGSTOP);
+  setenv("LKS_TIMEOUT_MS", "8000", 1);
+  void *other = open_ok();
+  Attempt a = try_lock(other, kName, false);
+  EXPECT_EQ(LKS_OK, a.code) << a.text;
+  child.signal(SIGCONT);
+  EXPECT_EQ(5, child.release()) << "the holder's unlock must report LKS_ERR_LOST";
+  EXPECT_EQ(LKS_OK, unlock(other, kName));
+  term_ok(other);
+}
+
 TEST_F(ZooKeeperLocks, UnlockOfANameNotHeldIsRefused) {
   void *h = open_ok();
   EXPECT_EQ(LKS_ERR_NOT_HELD, unlock(h, kName));

@@ -57,6 +57,9 @@ public:
   }
   /* Waits for a holder that releases by itself. */
   int wait() { return reap(); }
+  /* Stops (SIGSTOP) or resumes (SIGCONT) the holder, e.g. to let its
+   * registry session expire while it holds the lock. */
+  void signal(int sig) { kill(pid_, sig); }
   void kill_hard() {
     kill(pid_, SIGKILL);
     reap();
