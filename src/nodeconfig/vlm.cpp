@@ -157,8 +157,8 @@ extern "C" PRSR_API int32_t prsr_fetch_vlm_config(lks_status *status, prsr_ctx *
 
   std::memset(work.get(), 0, kKeyMax);
   key_join(work.get(), {entry.get(), "ENVIRONMENT"});
-  rc = prsr_get_multivalues(meta, comp, hvs, work.get(), &cfg->environment,
-                            &cfg->environment_count);
+  rc =
+      prsr_get_multivalues(meta, comp, hvs, work.get(), &cfg->environment, &cfg->environment_count);
   if (rc == PRSR_SUCCESS) {
     std::memset(work.get(), 0, kKeyMax);
     key_join(work.get(), {entry.get(), "ENABLED"});
@@ -189,19 +189,18 @@ extern "C" PRSR_API int32_t prsr_get_vlm_enabled(lks_status *, prsr_ctx *ctx, co
     return PRSR_ERR_ARGUMENT;
   void *meta = ctx->metactx;
   uintptr_t comp = ctx->trace_comp;
+  auto no_memory = [comp](uint64_t bytes) {
+    trcprintf(comp, 0, "prsr_get_vlm_enabled: failed to allocate %d bytes",
+              static_cast<int>(bytes));
+    return PRSR_ERR_MEMORY;
+  };
 
   VlmNames names(meta);
-  if (size_t failed = names.copy(meta, first, second)) {
-    trcprintf(comp, 0, "prsr_get_vlm_enabled: failed to allocate %d bytes",
-              static_cast<int>(failed));
-    return PRSR_ERR_MEMORY;
-  }
+  if (size_t failed = names.copy(meta, first, second))
+    return no_memory(failed);
   Owned<char> key(meta);
-  if (!key.allocate(kKeyMax)) {
-    trcprintf(comp, 0, "prsr_get_vlm_enabled: failed to allocate %d bytes",
-              static_cast<int>(kKeyMax));
-    return PRSR_ERR_MEMORY;
-  }
+  if (!key.allocate(kKeyMax))
+    return no_memory(kKeyMax);
   key_join(key.get(), {"DATABASE.VLM", names.first.get(), names.second.get(), "ENABLED"});
   int32_t rc = prsr_get_enabled_key(ctx, key.get(), enabled);
   /* A missing entry reads as missing, as in the fetch. */
@@ -218,18 +217,17 @@ extern "C" PRSR_API int32_t prsr_get_vlm_name(lks_status *, prsr_ctx *ctx, const
   void *meta = ctx->metactx;
   void *hvs = ctx->hvs_handle;
   uintptr_t comp = ctx->trace_comp;
+  auto no_memory = [comp](uint64_t bytes) {
+    trcprintf(comp, 0, "prsr_get_vlm_name: failed to allocate %d bytes", static_cast<int>(bytes));
+    return PRSR_ERR_MEMORY;
+  };
 
   VlmNames names(meta);
-  if (size_t failed = names.copy(meta, first, second)) {
-    trcprintf(comp, 0, "prsr_get_vlm_name: failed to allocate %d bytes", static_cast<int>(failed));
-    return PRSR_ERR_MEMORY;
-  }
+  if (size_t failed = names.copy(meta, first, second))
+    return no_memory(failed);
   Owned<char> entry(meta);
-  if (!entry.allocate(kKeyMax)) {
-    trcprintf(comp, 0, "prsr_get_vlm_name: failed to allocate %d bytes",
-              static_cast<int>(kKeyMax));
-    return PRSR_ERR_MEMORY;
-  }
+  if (!entry.allocate(kKeyMax))
+    return no_memory(kKeyMax);
   key_join(entry.get(), {"DATABASE.VLM", names.first.get(), names.second.get()});
 
   OpenKey key(hvs);

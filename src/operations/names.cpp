@@ -9,9 +9,9 @@
 
 using namespace prsr;
 
-extern "C" PRSR_API int32_t prsr_get_instance_name(lks_status *, prsr_ctx *ctx,
-                                                   const char *dbname, const char *instname,
-                                                   uint32_t size, char *name) {
+extern "C" PRSR_API int32_t prsr_get_instance_name(lks_status *, prsr_ctx *ctx, const char *dbname,
+                                                   const char *instname, uint32_t size,
+                                                   char *name) {
   if (!session_ok(ctx))
     return PRSR_ERR_SESSION;
   if (!names_fit({dbname, instname}, kInstanceExtra) || size == 0 || name == nullptr)
@@ -19,36 +19,31 @@ extern "C" PRSR_API int32_t prsr_get_instance_name(lks_status *, prsr_ctx *ctx,
   void *meta = ctx->metactx;
   void *hvs = ctx->hvs_handle;
   uintptr_t comp = ctx->trace_comp;
+  auto no_memory = [comp](uint64_t bytes) {
+    trcprintf(comp, 0, "prsr_get_instance_name: failed to allocate %d bytes",
+              static_cast<int>(bytes));
+    return PRSR_ERR_MEMORY;
+  };
   size_t dn = std::strlen(dbname);
   size_t in = std::strlen(instname);
 
   Owned<char> db(meta);
-  if (!db.allocate(dn + 1)) {
-    trcprintf(comp, 0, "prsr_get_instance_name: failed to allocate %d bytes",
-              static_cast<int>(dn + 1));
-    return PRSR_ERR_MEMORY;
-  }
+  if (!db.allocate(dn + 1))
+    return no_memory(dn + 1);
   Owned<char> inst(meta);
-  if (!inst.allocate(in + 1)) {
-    trcprintf(comp, 0, "prsr_get_instance_name: failed to allocate %d bytes",
-              static_cast<int>(in + 1));
-    return PRSR_ERR_MEMORY;
-  }
+  if (!inst.allocate(in + 1))
+    return no_memory(in + 1);
   txtnlower(db.get(), dbname, dn);
   txtnlower(inst.get(), instname, in);
   Owned<char> key(meta);
-  if (!key.allocate(kKeyMax)) {
-    trcprintf(comp, 0, "prsr_get_instance_name: failed to allocate %d bytes",
-              static_cast<int>(kKeyMax));
-    return PRSR_ERR_MEMORY;
-  }
+  if (!key.allocate(kKeyMax))
+    return no_memory(kKeyMax);
   key_join(key.get(), {"DATABASE.DATABASES", db.get(), "INSTANCE", inst.get()});
 
   OpenKey k(hvs);
   int32_t rc = k.open(key.get());
   if (rc != 0) {
-    prsr_report_hvs_failure(hvs, comp, "prsr_get_instance_name", "hvsapi_open_key", rc,
-                            key.get());
+    prsr_report_hvs_failure(hvs, comp, "prsr_get_instance_name", "hvsapi_open_key", rc, key.get());
     return rc == HVS_ERR_NO_KEY ? PRSR_ERR_NO_KEY : PRSR_ERR_REGISTRY;
   }
   Owned<char> value(meta);
@@ -67,19 +62,18 @@ extern "C" PRSR_API int32_t prsr_get_spname(lks_status *, prsr_ctx *ctx, const c
   void *meta = ctx->metactx;
   void *hvs = ctx->hvs_handle;
   uintptr_t comp = ctx->trace_comp;
+  auto no_memory = [comp](uint64_t bytes) {
+    trcprintf(comp, 0, "prsr_get_spname: failed to allocate %d bytes", static_cast<int>(bytes));
+    return PRSR_ERR_MEMORY;
+  };
   size_t dn = std::strlen(dbname);
 
   Owned<char> db(meta);
-  if ((*db.out() = copy_lower(meta, dbname)) == nullptr) {
-    trcprintf(comp, 0, "prsr_get_spname: failed to allocate %d bytes", static_cast<int>(dn + 1));
-    return PRSR_ERR_MEMORY;
-  }
+  if ((*db.out() = copy_lower(meta, dbname)) == nullptr)
+    return no_memory(dn + 1);
   Owned<char> key(meta);
-  if (!key.allocate(kKeyMax)) {
-    trcprintf(comp, 0, "prsr_get_spname: failed to allocate %d bytes",
-              static_cast<int>(kKeyMax));
-    return PRSR_ERR_MEMORY;
-  }
+  if (!key.allocate(kKeyMax))
+    return no_memory(kKeyMax);
   key_join(key.get(), {"DATABASE.DATABASES", db.get()});
 
   OpenKey k(hvs);
@@ -103,18 +97,18 @@ extern "C" PRSR_API int32_t prsr_get_domain(lks_status *, prsr_ctx *ctx, const c
     return PRSR_ERR_ARGUMENT;
   void *meta = ctx->metactx;
   uintptr_t comp = ctx->trace_comp;
+  auto no_memory = [comp](uint64_t bytes) {
+    trcprintf(comp, 0, "prsr_get_domain: failed to allocate %d bytes", static_cast<int>(bytes));
+    return PRSR_ERR_MEMORY;
+  };
   size_t dn = std::strlen(dbname);
 
   Owned<char> db(meta);
-  if ((*db.out() = copy_lower(meta, dbname)) == nullptr) {
-    trcprintf(comp, 0, "prsr_get_domain: failed to allocate %d bytes", static_cast<int>(dn + 1));
-    return PRSR_ERR_MEMORY;
-  }
+  if ((*db.out() = copy_lower(meta, dbname)) == nullptr)
+    return no_memory(dn + 1);
   Owned<char> key(meta);
-  if (!key.allocate(dn + 28)) {
-    trcprintf(comp, 0, "prsr_get_domain: failed to allocate %d bytes", static_cast<int>(dn + 28));
-    return PRSR_ERR_MEMORY;
-  }
+  if (!key.allocate(dn + 28))
+    return no_memory(dn + 28);
   key_join(key.get(), {"DATABASE.DATABASES", db.get(), "DOMAIN"});
   trcprintf(comp, 4, "prsr_get_domain: key_name = [%s]", key.get());
 
@@ -143,8 +137,7 @@ namespace {
  * bytes), and on a match the instance's case-preserved name. `key` is the
  * fixed key buffer, `value` holds the last value read. */
 int32_t find_node_instance(prsr_ctx *ctx, void *instances, const char *db, const char *node,
-                           char *key, Owned<char> &value, uint32_t cap, uint32_t size,
-                           char *name) {
+                           char *key, Owned<char> &value, uint32_t cap, uint32_t size, char *name) {
   void *hvs = ctx->hvs_handle;
   uintptr_t comp = ctx->trace_comp;
 
@@ -192,12 +185,16 @@ extern "C" PRSR_API int32_t prsr_get_node_instance_name(lks_status *status, prsr
   if (!session_ok(ctx))
     return PRSR_ERR_SESSION;
   /* Room for the NODE key of an instance with at least a one-byte name. */
-  if (!name_fits(dbname, kInstanceNodeExtra + 1) || node == nullptr || size == 0 ||
-      name == nullptr)
+  if (!name_fits(dbname, kInstanceNodeExtra + 1) || node == nullptr || size == 0 || name == nullptr)
     return PRSR_ERR_ARGUMENT;
   void *meta = ctx->metactx;
   void *hvs = ctx->hvs_handle;
   uintptr_t comp = ctx->trace_comp;
+  auto no_memory = [comp](uint64_t bytes) {
+    trcprintf(comp, 0, "prsr_get_node_instance_name: failed to allocate %d bytes",
+              static_cast<int>(bytes));
+    return PRSR_ERR_MEMORY;
+  };
   size_t dn = std::strlen(dbname);
   size_t nn = std::strlen(node);
   /* A component longer than this would not fit the key buffer: the
@@ -205,25 +202,16 @@ extern "C" PRSR_API int32_t prsr_get_node_instance_name(lks_status *status, prsr
   uint32_t cap = std::min<uint32_t>(size, static_cast<uint32_t>(kKeyMax - dn - kInstanceNodeExtra));
 
   Owned<char> db(meta);
-  if (!db.allocate(dn + 1)) {
-    trcprintf(comp, 0, "prsr_get_node_instance_name: failed to allocate %d bytes",
-              static_cast<int>(dn + 1));
-    return PRSR_ERR_MEMORY;
-  }
+  if (!db.allocate(dn + 1))
+    return no_memory(dn + 1);
   Owned<char> nd(meta);
-  if (!nd.allocate(nn + 1)) {
-    trcprintf(comp, 0, "prsr_get_node_instance_name: failed to allocate %d bytes",
-              static_cast<int>(nn + 1));
-    return PRSR_ERR_MEMORY;
-  }
+  if (!nd.allocate(nn + 1))
+    return no_memory(nn + 1);
   txtnlower(db.get(), dbname, dn);
   txtnlower(nd.get(), node, nn);
   Owned<char> key(meta);
-  if (!key.allocate(kKeyMax)) {
-    trcprintf(comp, 0, "prsr_get_node_instance_name: failed to allocate %d bytes",
-              static_cast<int>(kKeyMax));
-    return PRSR_ERR_MEMORY;
-  }
+  if (!key.allocate(kKeyMax))
+    return no_memory(kKeyMax);
 
   BranchLock lock(ctx);
   int32_t rc = lock.shared(status, db.get());

@@ -25,25 +25,22 @@ extern "C" PRSR_API int32_t prsr_get_db_role(lks_status *, prsr_ctx *ctx, const 
     return PRSR_ERR_ARGUMENT;
   void *meta = ctx->metactx;
   uintptr_t comp = ctx->trace_comp;
+  auto no_memory = [comp](uint64_t bytes) {
+    trcprintf(comp, 0, "prsr_get_db_role: failed to allocate %d bytes", static_cast<int>(bytes));
+    return PRSR_ERR_MEMORY;
+  };
   size_t dn = std::strlen(dbname);
 
   Owned<char> db(meta);
-  if (!db.allocate(dn + 1)) {
-    trcprintf(comp, 0, "prsr_get_db_role: failed to allocate %d bytes", static_cast<int>(dn + 1));
-    return PRSR_ERR_MEMORY;
-  }
+  if (!db.allocate(dn + 1))
+    return no_memory(dn + 1);
   Owned<char> upper(meta);
-  if (!upper.allocate(kValueMax)) {
-    trcprintf(comp, 0, "prsr_get_db_role: failed to allocate %d bytes",
-              static_cast<int>(kValueMax));
-    return PRSR_ERR_MEMORY;
-  }
+  if (!upper.allocate(kValueMax))
+    return no_memory(kValueMax);
   txtnlower(db.get(), dbname, dn);
   Owned<char> key(meta);
-  if (!key.allocate(dn + 26)) {
-    trcprintf(comp, 0, "prsr_get_db_role: failed to allocate %d bytes", static_cast<int>(dn + 26));
-    return PRSR_ERR_MEMORY;
-  }
+  if (!key.allocate(dn + 26))
+    return no_memory(dn + 26);
   key_join(key.get(), {"DATABASE.DATABASES", db.get(), "ROLE"});
 
   Owned<char> value(meta);
@@ -74,30 +71,28 @@ extern "C" PRSR_API int32_t prsr_set_db_role(lks_status *status, prsr_ctx *ctx, 
   void *meta = ctx->metactx;
   void *hvs = ctx->hvs_handle;
   uintptr_t comp = ctx->trace_comp;
+  auto no_memory = [comp](uint64_t bytes) {
+    trcprintf(comp, 0, "prsr_set_db_role: failed to allocate %d bytes", static_cast<int>(bytes));
+    return PRSR_ERR_MEMORY;
+  };
   size_t dn = std::strlen(dbname);
 
   Owned<char> db(meta);
-  if (!db.allocate(dn + 1)) {
-    trcprintf(comp, 0, "prsr_set_db_role: failed to allocate %d bytes", static_cast<int>(dn + 1));
-    return PRSR_ERR_MEMORY;
-  }
+  if (!db.allocate(dn + 1))
+    return no_memory(dn + 1);
   /* The number is looked at before anything touches the registry. */
   if (role >= kRoleCount)
     return PRSR_ERR_ROLE;
   size_t tn = std::strlen(kRoles[role]) + 1;
   Owned<char> text(meta);
-  if (!text.allocate(tn)) {
-    trcprintf(comp, 0, "prsr_set_db_role: failed to allocate %d bytes", static_cast<int>(tn));
-    return PRSR_ERR_MEMORY;
-  }
+  if (!text.allocate(tn))
+    return no_memory(tn);
   std::memcpy(text.get(), kRoles[role], tn);
 
   txtnlower(db.get(), dbname, dn);
   Owned<char> key(meta);
-  if (!key.allocate(dn + 26)) {
-    trcprintf(comp, 0, "prsr_set_db_role: failed to allocate %d bytes", static_cast<int>(dn + 26));
-    return PRSR_ERR_MEMORY;
-  }
+  if (!key.allocate(dn + 26))
+    return no_memory(dn + 26);
   key_join(key.get(), {"DATABASE.DATABASES", db.get(), "ROLE"});
 
   /* Shared: role writers may overlap each other and readers; an exclusive

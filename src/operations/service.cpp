@@ -74,8 +74,7 @@ int32_t set_instance_flags(prsr_ctx *ctx, void *instances, const char *instances
                 static_cast<int>(size));
       return PRSR_ERR_MEMORY;
     }
-    key_join(key.get(),
-             {"DATABASE.DATABASES", db, "SERVICE", srv, "INSTANCES", sub, "ENABLED"});
+    key_join(key.get(), {"DATABASE.DATABASES", db, "SERVICE", srv, "INSTANCES", sub, "ENABLED"});
     rc = prsr_set_enabled_key(ctx, key.get(), enable);
     key.reset();
     if (rc != PRSR_SUCCESS)
@@ -107,28 +106,24 @@ extern "C" PRSR_API int32_t prsr_set_service_enabled(lks_status *status, prsr_ct
   void *meta = ctx->metactx;
   void *hvs = ctx->hvs_handle;
   uintptr_t comp = ctx->trace_comp;
+  auto no_memory = [comp](uint64_t bytes) {
+    trcprintf(comp, 0, "prsr_set_service_enabled: failed to allocate %d bytes",
+              static_cast<int>(bytes));
+    return PRSR_ERR_MEMORY;
+  };
   size_t dn = std::strlen(dbname);
   size_t sn = std::strlen(srvname);
 
   Owned<char> db(meta);
-  if ((*db.out() = copy_lower(meta, dbname)) == nullptr) {
-    trcprintf(comp, 0, "prsr_set_service_enabled: failed to allocate %d bytes",
-              static_cast<int>(dn + 1));
-    return PRSR_ERR_MEMORY;
-  }
+  if ((*db.out() = copy_lower(meta, dbname)) == nullptr)
+    return no_memory(dn + 1);
   Owned<char> srv(meta);
-  if ((*srv.out() = copy_service(meta, srvname)) == nullptr) {
-    trcprintf(comp, 0, "prsr_set_service_enabled: failed to allocate %d bytes",
-              static_cast<int>(sn + 2));
-    return PRSR_ERR_MEMORY;
-  }
+  if ((*srv.out() = copy_service(meta, srvname)) == nullptr)
+    return no_memory(sn + 2);
   size_t key_size = dn + sn + 41;
   Owned<char> key(meta);
-  if (!key.allocate(key_size)) {
-    trcprintf(comp, 0, "prsr_set_service_enabled: failed to allocate %d bytes",
-              static_cast<int>(key_size));
-    return PRSR_ERR_MEMORY;
-  }
+  if (!key.allocate(key_size))
+    return no_memory(key_size);
   key_join(key.get(), {"DATABASE.DATABASES", db.get(), "SERVICE", srv.get(), "ENABLED"});
 
   BranchLock lock(ctx);
@@ -154,7 +149,8 @@ extern "C" PRSR_API int32_t prsr_set_service_enabled(lks_status *status, prsr_ct
               static_cast<int>(kKeyMax));
     rc = PRSR_ERR_MEMORY;
   } else {
-    rc = set_instance_flags(ctx, instances.get(), key.get(), db.get(), srv.get(), sub.get(), enable);
+    rc =
+        set_instance_flags(ctx, instances.get(), key.get(), db.get(), srv.get(), sub.get(), enable);
   }
   instances.close();
   lock.release();
@@ -170,27 +166,23 @@ extern "C" PRSR_API int32_t prsr_get_service_fov_policy(lks_status *, prsr_ctx *
     return PRSR_ERR_ARGUMENT;
   void *meta = ctx->metactx;
   uintptr_t comp = ctx->trace_comp;
+  auto no_memory = [comp](uint64_t bytes) {
+    trcprintf(comp, 0, "prsr_get_service_fov_policy: failed to allocate %d bytes",
+              static_cast<int>(bytes));
+    return PRSR_ERR_MEMORY;
+  };
   size_t dn = std::strlen(dbname);
   size_t sn = std::strlen(srvname);
 
   Owned<char> db(meta);
-  if ((*db.out() = copy_lower(meta, dbname)) == nullptr) {
-    trcprintf(comp, 0, "prsr_get_service_fov_policy: failed to allocate %d bytes",
-              static_cast<int>(dn + 1));
-    return PRSR_ERR_MEMORY;
-  }
+  if ((*db.out() = copy_lower(meta, dbname)) == nullptr)
+    return no_memory(dn + 1);
   Owned<char> srv(meta);
-  if ((*srv.out() = copy_service(meta, srvname)) == nullptr) {
-    trcprintf(comp, 0, "prsr_get_service_fov_policy: failed to allocate %d bytes",
-              static_cast<int>(sn + 2));
-    return PRSR_ERR_MEMORY;
-  }
+  if ((*srv.out() = copy_service(meta, srvname)) == nullptr)
+    return no_memory(sn + 2);
   Owned<char> key(meta);
-  if (!key.allocate(dn + sn + 41)) {
-    trcprintf(comp, 0, "prsr_get_service_fov_policy: failed to allocate %d bytes",
-              static_cast<int>(dn + sn + 41));
-    return PRSR_ERR_MEMORY;
-  }
+  if (!key.allocate(dn + sn + 41))
+    return no_memory(dn + sn + 41);
   key_join(key.get(), {"DATABASE.DATABASES", db.get(), "SERVICE", srv.get(), "FOVPOLICY"});
 
   Owned<char> value(meta);

@@ -30,6 +30,11 @@ extern "C" PRSR_API int32_t prsr_get_service_instance_enabled(lks_status *, prsr
     return PRSR_ERR_ARGUMENT;
   void *meta = ctx->metactx;
   uintptr_t comp = ctx->trace_comp;
+  auto no_memory = [comp](uint64_t bytes) {
+    trcprintf(comp, 0, "prsr_get_service_instance_enabled: failed to allocate %d bytes",
+              static_cast<int>(bytes));
+    return PRSR_ERR_MEMORY;
+  };
   size_t dn = std::strlen(dbname);
   size_t sn = std::strlen(srvname);
   size_t in = std::strlen(instname);
@@ -39,32 +44,20 @@ extern "C" PRSR_API int32_t prsr_get_service_instance_enabled(lks_status *, prsr
             dbname, srvname, instname);
 
   Names n(meta);
-  if ((*n.db.out() = copy_lower(meta, dbname)) == nullptr) {
-    trcprintf(comp, 0, "prsr_get_service_instance_enabled: failed to allocate %d bytes",
-              static_cast<int>(dn + 1));
-    return PRSR_ERR_MEMORY;
-  }
-  if ((*n.srv.out() = copy_service(meta, srvname)) == nullptr) {
-    trcprintf(comp, 0, "prsr_get_service_instance_enabled: failed to allocate %d bytes",
-              static_cast<int>(sn + 2));
-    return PRSR_ERR_MEMORY;
-  }
-  if ((*n.inst.out() = copy_lower(meta, instname)) == nullptr) {
-    trcprintf(comp, 0, "prsr_get_service_instance_enabled: failed to allocate %d bytes",
-              static_cast<int>(in + 1));
-    return PRSR_ERR_MEMORY;
-  }
+  if ((*n.db.out() = copy_lower(meta, dbname)) == nullptr)
+    return no_memory(dn + 1);
+  if ((*n.srv.out() = copy_service(meta, srvname)) == nullptr)
+    return no_memory(sn + 2);
+  if ((*n.inst.out() = copy_lower(meta, instname)) == nullptr)
+    return no_memory(in + 1);
   trcprintf(comp, 4,
             "prsr_get_service_instance_enabled: Inside function dbname=%s, servname=%s, "
             "instname=%s",
             n.db.get(), n.srv.get(), n.inst.get());
 
   Owned<char> key(meta);
-  if (!key.allocate(dn + sn + in + 51)) {
-    trcprintf(comp, 0, "prsr_get_service_instance_enabled: failed to allocate %d bytes",
-              static_cast<int>(dn + sn + in + 51));
-    return PRSR_ERR_MEMORY;
-  }
+  if (!key.allocate(dn + sn + in + 51))
+    return no_memory(dn + sn + in + 51);
   key_join(key.get(), {"DATABASE.DATABASES", n.db.get(), "SERVICE", n.srv.get(), "INSTANCES",
                        n.inst.get(), "ENABLED"});
   trcprintf(comp, 4, "prsr_get_service_instance_enabled: ENABLED KEY NAME = %s", key.get());
@@ -82,32 +75,25 @@ extern "C" PRSR_API int32_t prsr_set_service_instance_enabled(lks_status *status
     return PRSR_ERR_ARGUMENT;
   void *meta = ctx->metactx;
   uintptr_t comp = ctx->trace_comp;
+  auto no_memory = [comp](uint64_t bytes) {
+    trcprintf(comp, 0, "prsr_set_service_instance_enabled: failed to allocate %d bytes",
+              static_cast<int>(bytes));
+    return PRSR_ERR_MEMORY;
+  };
   size_t dn = std::strlen(dbname);
   size_t sn = std::strlen(srvname);
   size_t in = std::strlen(instname);
 
   Names n(meta);
-  if ((*n.db.out() = copy_lower(meta, dbname)) == nullptr) {
-    trcprintf(comp, 0, "prsr_set_service_instance_enabled: failed to allocate %d bytes",
-              static_cast<int>(dn + 1));
-    return PRSR_ERR_MEMORY;
-  }
-  if ((*n.srv.out() = copy_service(meta, srvname)) == nullptr) {
-    trcprintf(comp, 0, "prsr_set_service_instance_enabled: failed to allocate %d bytes",
-              static_cast<int>(sn + 2));
-    return PRSR_ERR_MEMORY;
-  }
-  if ((*n.inst.out() = copy_lower(meta, instname)) == nullptr) {
-    trcprintf(comp, 0, "prsr_set_service_instance_enabled: failed to allocate %d bytes",
-              static_cast<int>(in + 1));
-    return PRSR_ERR_MEMORY;
-  }
+  if ((*n.db.out() = copy_lower(meta, dbname)) == nullptr)
+    return no_memory(dn + 1);
+  if ((*n.srv.out() = copy_service(meta, srvname)) == nullptr)
+    return no_memory(sn + 2);
+  if ((*n.inst.out() = copy_lower(meta, instname)) == nullptr)
+    return no_memory(in + 1);
   Owned<char> key(meta);
-  if (!key.allocate(dn + sn + in + 51)) {
-    trcprintf(comp, 0, "prsr_set_service_instance_enabled: failed to allocate %d bytes",
-              static_cast<int>(dn + sn + in + 51));
-    return PRSR_ERR_MEMORY;
-  }
+  if (!key.allocate(dn + sn + in + 51))
+    return no_memory(dn + sn + in + 51);
   key_join(key.get(), {"DATABASE.DATABASES", n.db.get(), "SERVICE", n.srv.get(), "INSTANCES",
                        n.inst.get(), "ENABLED"});
 
@@ -135,38 +121,31 @@ extern "C" PRSR_API int32_t prsr_get_service_instance_supported(lks_status *, pr
     return PRSR_ERR_ARGUMENT;
   void *meta = ctx->metactx;
   uintptr_t comp = ctx->trace_comp;
+  auto no_memory = [comp](uint64_t bytes) {
+    trcprintf(comp, 0, "prsr_get_service_instance_supported: failed to allocate %d bytes",
+              static_cast<int>(bytes));
+    return PRSR_ERR_MEMORY;
+  };
   size_t dn = std::strlen(dbname);
   size_t sn = std::strlen(srvname);
   size_t in = std::strlen(instname);
 
   Names n(meta);
-  if ((*n.db.out() = copy_lower(meta, dbname)) == nullptr) {
-    trcprintf(comp, 0, "prsr_get_service_instance_supported: failed to allocate %d bytes",
-              static_cast<int>(dn + 1));
-    return PRSR_ERR_MEMORY;
-  }
-  if ((*n.srv.out() = copy_service(meta, srvname)) == nullptr) {
-    trcprintf(comp, 0, "prsr_get_service_instance_supported: failed to allocate %d bytes",
-              static_cast<int>(sn + 2));
-    return PRSR_ERR_MEMORY;
-  }
-  if ((*n.inst.out() = copy_lower(meta, instname)) == nullptr) {
-    trcprintf(comp, 0, "prsr_get_service_instance_supported: failed to allocate %d bytes",
-              static_cast<int>(in + 1));
-    return PRSR_ERR_MEMORY;
-  }
+  if ((*n.db.out() = copy_lower(meta, dbname)) == nullptr)
+    return no_memory(dn + 1);
+  if ((*n.srv.out() = copy_service(meta, srvname)) == nullptr)
+    return no_memory(sn + 2);
+  if ((*n.inst.out() = copy_lower(meta, instname)) == nullptr)
+    return no_memory(in + 1);
   /* The instance's key; a failed allocation here leaves no line. */
   Owned<char> inst_key(meta);
   if (!inst_key.allocate(dn + sn + in + 43))
     return PRSR_ERR_MEMORY;
-  key_join(inst_key.get(), {"DATABASE.DATABASES", n.db.get(), "SERVICE", n.srv.get(),
-                            "INSTANCES", n.inst.get()});
+  key_join(inst_key.get(),
+           {"DATABASE.DATABASES", n.db.get(), "SERVICE", n.srv.get(), "INSTANCES", n.inst.get()});
   Owned<char> key(meta);
-  if (!key.allocate(kKeyMax)) {
-    trcprintf(comp, 0, "prsr_get_service_instance_supported: failed to allocate %d bytes",
-              static_cast<int>(kKeyMax));
-    return PRSR_ERR_MEMORY;
-  }
+  if (!key.allocate(kKeyMax))
+    return no_memory(kKeyMax);
 
   key_join(key.get(), {inst_key.get(), "TYPE"});
   Owned<char> type(meta);
