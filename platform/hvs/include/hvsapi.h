@@ -34,6 +34,8 @@ extern "C" {
 #define HVS_ERR_NOT_EMPTY 23    /* delete: the key has subkeys */
 #define HVS_ERR_TOO_LARGE 24    /* value or transaction over an engine limit */
 #define HVS_ERR_VERSION 25      /* registry written by a newer format */
+#define HVS_ERR_LOCK_LOST 26    /* write refused: the lock it was made under
+                                   is no longer held; nothing was written */
 
 #define HVS_TYPE_BINARY 0
 #define HVS_TYPE_TEXT 3

@@ -111,4 +111,9 @@ Status Backend::set_property(std::string_view name, std::string_view value) {
   return {};
 }
 
+Status Backend::set_value_fenced(const KeyData &key, uint32_t type, std::string_view bytes,
+                                 std::string_view /*fence*/) {
+  return set_value(key, type, bytes);
+}
+
 } // namespace hvs

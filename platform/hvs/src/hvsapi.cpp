@@ -7,6 +7,7 @@
 #include <mutex>
 #include <unordered_map>
 
+#include "holds_table.h"
 #include "hvs/backend.h"
 #include "hvsadm.h"
 
@@ -299,8 +300,21 @@ int32_t hvsapi_set_value(void *handle, void *key, uint32_t type,
   if (bytes == nullptr && len != 0)
     return bad_arg(h, "hvsapi_set_value", "NULL value");
   std::string_view v(static_cast<const char *>(bytes), bytes ? len : 0);
+  // A write under a lock is tied to the lock (hvs/holds.h).
+  std::shared_ptr<hvs::holds::Hold> hold;
+  try {
+    hold = hvs::holds::covering(k->data.path);
+  } catch (const std::bad_alloc &) {
+    return record(h->serial, HVS_ERR_MEMORY, h->location + ": out of memory");
+  }
+  if (hold && hold->lost)
+    return record(h->serial, HVS_ERR_LOCK_LOST,
+                  h->location + ": write of key " + k->data.path + " refused: lock " +
+                      hold->lock +
+                      " was lost (its session with the lock service ended); nothing was written");
   return guarded(h, [&](Backend &b) {
-    Status st = b.set_value(k->data, type, v);
+    Status st = hold ? b.set_value_fenced(k->data, type, v, hold->fence)
+                     : b.set_value(k->data, type, v);
     if (st.ok()) {
       k->data.value.assign(v);
       k->data.has_value = true;

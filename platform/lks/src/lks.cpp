@@ -84,7 +84,13 @@ struct Service {
   std::unique_ptr<lks::LockEngine> engine;
   std::chrono::milliseconds timeout{kDefaultTimeoutMs};
   std::mutex mutex; // guards held
-  std::multimap<std::string, lks::Token, std::less<>> held;
+  // What one hold is made of: the engine's token and the registry
+  // client's record of it.
+  struct Held {
+    lks::Token token;
+    hvs_hold *hold;
+  };
+  std::multimap<std::string, Held, std::less<>> held;
 };
 
 // What the caller's allocator gives us; the handle is its address.
@@ -112,10 +118,15 @@ int32_t lock(lks_status *st, void *handle, const char *name, lks::Mode mode) {
     lks::Outcome o = svc->engine->acquire(key, mode, svc->timeout, &token);
     if (o.code != 0)
       return report_outcome(st, o);
+    // Writes made under the lock from here on are tied to it.
+    hvs_hold *hold = hvs_hold_enter(key.c_str(), mode == lks::Mode::Exclusive,
+                                    svc->engine->fence(token).c_str());
+    svc->engine->attach(token, hold);
     try {
       std::lock_guard<std::mutex> guard(svc->mutex);
-      svc->held.emplace(std::move(key), token);
+      svc->held.emplace(std::move(key), Service::Held{token, hold});
     } catch (...) {
+      hvs_hold_leave(hold, nullptr, 0);
       svc->engine->release(token);
       throw;
     }
@@ -172,8 +183,10 @@ LKS_EXPORT int32_t lkssterm(lks_status *status, void *handle) {
     return report(status, LKS_ERR_ARGUMENT, 0, "lkssterm: not a lock handle");
   {
     std::lock_guard<std::mutex> guard(svc->mutex);
-    for (auto &entry : svc->held)
-      svc->engine->release(entry.second);
+    for (auto &entry : svc->held) {
+      hvs_hold_leave(entry.second.hold, nullptr, 0);
+      svc->engine->release(entry.second.token);
+    }
     svc->held.clear();
   }
   delete svc;
@@ -197,19 +210,26 @@ LKS_EXPORT int32_t lksunlock(lks_status *status, void *handle, const char *name)
   if (svc == nullptr || name == nullptr)
     return report(status, LKS_ERR_ARGUMENT, 0, "lksunlock: %s",
                   svc ? "NULL name" : "not a lock handle");
-  lks::Token token = 0;
+  Service::Held held{};
   {
     std::lock_guard<std::mutex> guard(svc->mutex);
     auto it = svc->held.find(std::string_view(name));
     if (it == svc->held.end())
       return report(status, LKS_ERR_NOT_HELD, 0, "lock %.80s%s: not held by this handle", name,
                     std::strlen(name) > 80 ? "..." : "");
-    token = it->second;
+    held = it->second;
     svc->held.erase(it);
   }
-  lks::Outcome o = svc->engine->release(token);
+  // What was written under the lock is committed while it is still held.
+  char why[160];
+  int32_t committed = hvs_hold_leave(held.hold, why, sizeof why);
+  lks::Outcome o = svc->engine->release(held.token);
   if (o.code != 0)
     return report_outcome(status, o);
+  if (committed != 0)
+    return report(status, LKS_ERR_SYSTEM, 0,
+                  "lock %.80s released, but the writes made under it were not committed: %s",
+                  name, why);
   return succeed(status);
 }
 

@@ -12,6 +12,8 @@
 #include <memory>
 #include <string>
 
+#include "hvs/holds.h"
+
 namespace lks {
 
 enum class Mode { Shared, Exclusive };
@@ -36,8 +38,14 @@ public:
   // holder kept it for the whole time.
   virtual Outcome acquire(const std::string &name, Mode mode, std::chrono::milliseconds timeout,
                           Token *token) = 0;
-  // Gives back one hold. Never fails for a token from acquire().
+  // Gives back one hold. Never fails for a token from acquire(), but for
+  // LKS_ERR_LOST when the engine knows the lock was taken from its holder.
   virtual Outcome release(Token token) = 0;
+  // What a fenced write checks to prove the hold (hvs/holds.h); "" for none.
+  virtual std::string fence(Token) const { return {}; }
+  // The registry client's record of the hold, for the engine to mark lost
+  // when it learns of the loss first.
+  virtual void attach(Token, hvs_hold *) {}
 };
 
 // The engine for the location the registry client would use; nullptr with

@@ -69,7 +69,7 @@ struct WalkEntry {
 
 class Backend {
 public:
-  static constexpr int kVersion = 2;
+  static constexpr int kVersion = 3;
 
   virtual ~Backend() = default;
   /* The interface version the engine was written against. */
@@ -119,6 +119,19 @@ public:
    * this engine object only; a persistent engine overrides both. */
   virtual Status get_property(std::string_view name, std::string &out);
   virtual Status set_property(std::string_view name, std::string_view value);
+
+  /* --- version 3 --- */
+
+  /* set_value() for a write made under a lock: fence is the lock's evidence
+   * (hvs/holds.h), and an engine that can check it in the same request as
+   * the write does so, failing with HVS_ERR_LOCK_LOST when it is gone. The
+   * default writes without a check. */
+  virtual Status set_value_fenced(const KeyData &key, uint32_t type,
+                                  std::string_view bytes,
+                                  std::string_view fence);
+  /* True when the engine makes the writes of an exclusive hold one
+   * transaction that ends with the hold. */
+  virtual bool batches_under_lock() const noexcept { return false; }
 
 private:
   std::vector<std::pair<std::string, std::string>> properties_;

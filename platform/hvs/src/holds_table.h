@@ -1,0 +1,41 @@
+// holds_table.h - the registry client's side of hvs/holds.h.
+#ifndef HVS_HOLDS_TABLE_H
+#define HVS_HOLDS_TABLE_H
+
+#include <atomic>
+#include <functional>
+#include <memory>
+#include <string>
+#include <string_view>
+#include <thread>
+#include <vector>
+
+#include "hvs/backend.h"
+
+namespace hvs::holds {
+
+struct Hold {
+  std::string lock;   // the lock's name
+  std::string prefix; // the key it covers, with the keys below it
+  bool exclusive = false;
+  std::string fence;  // engine evidence of the hold ("" for none)
+  std::thread::id owner;
+  std::atomic<bool> lost{false};
+  // Run when the hold ends, in order; guarded by the table's mutex.
+  std::vector<std::function<Status()>> on_leave;
+};
+
+// The hold of the calling thread that covers key, or nullptr. With several,
+// the exclusive one, else the latest.
+std::shared_ptr<Hold> covering(std::string_view key);
+
+// Adds fn to what hold runs when it ends.
+void defer(const std::shared_ptr<Hold> &hold, std::function<Status()> fn);
+
+// The key a lock name covers ("FLTM.X" and "FLTM.VLM.X": X); nullopt-like
+// empty view with ok=false when the name follows no such form.
+bool covered_key(std::string_view lock, std::string &out);
+
+} // namespace hvs::holds
+
+#endif
