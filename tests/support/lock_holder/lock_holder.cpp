@@ -7,12 +7,20 @@
 //
 // Writes 'y' to stdout once the lock is held ('n' if it was refused), then
 // holds it for HOLD_MS milliseconds, or without HOLD_MS until a byte (or
-// end of file) arrives on stdin; then releases it and exits 0.
+// end of file) arrives on stdin; then releases it and exits with the code
+// of the release (0 when it went well).
+//
+// With LOCK_HOLDER_WRITE=KEY=VALUE it writes VALUE (with its NUL) to KEY
+// through the registry client just before the release, as a writer under
+// the lock does; 16 is added to the exit code when the write was refused
+// because the lock was lost, 32 when it failed otherwise.
 #include <unistd.h>
 
 #include <cstdlib>
 #include <cstring>
+#include <string>
 
+#include "hvsapi.h"
 #include "lks.h"
 #include "mp.h"
 
@@ -39,7 +47,24 @@ int main(int argc, char **argv) {
     usleep(static_cast<useconds_t>(std::atoi(argv[3])) * 1000);
   else if (read(0, &c, 1) < 0)
     return 4;
+  int wrote = 0;
+  if (const char *w = getenv("LOCK_HOLDER_WRITE")) {
+    std::string kv(w);
+    std::string key = kv.substr(0, kv.find('=')), value = kv.substr(kv.find('=') + 1);
+    void *reg = nullptr, *k = nullptr;
+    int32_t hrc = hvsapi_init_ext(&reg, 0, nullptr, nullptr, 0);
+    if (hrc == 0)
+      hrc = hvsapi_open_key(reg, &k, key.c_str());
+    if (hrc == 0) {
+      hrc = hvsapi_set_value(reg, k, 3, value.c_str(), uint32_t(value.size() + 1));
+      hvsapi_close_key(reg, k);
+    }
+    if (reg != nullptr)
+      hvsapi_terminate(reg);
+    wrote = hrc == 0 ? 0 : hrc == HVS_ERR_LOCK_LOST ? 16 : 32;
+  }
   rc = lksunlock(&st, h, name);
+  int code = rc == 0 ? 0 : lks_status_code(&st);
   lkssterm(&st, h);
-  return rc == 0 ? 0 : 5;
+  return code + wrote;
 }
