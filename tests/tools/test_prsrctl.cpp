@@ -123,6 +123,14 @@ TEST_F(Prsrctl, LookupsAnswerWithNamesAsSpelled) {
   EXPECT_EQ(true, run_json("get supported -d sales -s sales.east -i sales1")["supported"]);
 }
 
+TEST_F(Prsrctl, ValuesThatAreNotUtf8ComeOutInJson) {
+  ASSERT_EQ(0, sh(std::string(HVSCTL_PATH) + " --registry " + reg_ +
+                  " set DATABASE.DATABASES.sales.DOMAIN --hex 6578ff00")
+                   .status);
+  json doc = run_json("get domain -d sales");
+  EXPECT_NE(std::string::npos, doc.dump().find("{\"hex\":\"6578ff\"}")) << doc.dump();
+}
+
 TEST_F(Prsrctl, ExitCodesTellFailuresApart) {
   struct Case {
     std::string args;
