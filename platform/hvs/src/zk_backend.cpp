@@ -88,7 +88,53 @@ public:
                                  " on the ZooKeeper ensemble " +
                                  settings_.hosts +
                                  " (hvsctl import creates one)");
+    if (!foreign_location_allowed())
+      if (Status foreign = refuse_foreign(); !foreign.ok())
+        return foreign;
     return lay_out();
+  }
+
+  // The first znode on the way to ROOT that does not exist ("" when ROOT
+  // does).
+  Status missing_part(std::string &part) {
+    zk::Budget budget(zk::Clock::now() + settings_.timeout());
+    if (Status st = ensure(); !st.ok())
+      return st;
+    part.clear();
+    for (std::size_t slash = root_.find('/', 1);;
+         slash = root_.find('/', slash + 1)) {
+      std::string p = root_.substr(0, slash), data;
+      bool null = true;
+      int rc = session_->get(p, data, null);
+      if (rc == ZNONODE) {
+        part = p;
+        return {};
+      }
+      if (rc != ZOK)
+        return fail(rc, "cannot read " + p);
+      if (slash == std::string::npos)
+        return {};
+    }
+  }
+
+  // Deletes path and everything under it, children first.
+  Status remove_tree(const std::string &path) {
+    zk::Budget budget(zk::Clock::now() + settings_.timeout());
+    if (Status st = ensure(); !st.ok())
+      return st;
+    std::vector<std::string> kids;
+    int rc = session_->children(path, kids);
+    if (rc == ZNONODE)
+      return {};
+    if (rc != ZOK)
+      return fail(rc, "cannot list " + path);
+    for (const auto &kid : kids)
+      if (Status st = remove_tree(path + "/" + kid); !st.ok())
+        return st;
+    rc = session_->remove(path);
+    if (rc != ZOK && rc != ZNONODE)
+      return fail(rc, "cannot remove " + path);
+    return {};
   }
 
   Status open_key(std::string_view name, KeyData &out) override {
@@ -451,6 +497,38 @@ private:
             " bytes (jute.maxbuffer); it was not sent");
   }
 
+  // An existing ROOT is laid out as a registry only when it holds nothing
+  // but what a registry has there: no data or the marker, and no children
+  // but keys and locks.
+  Status refuse_foreign() {
+    std::string data;
+    bool null = true;
+    int rc = session_->get(root_, data, null);
+    if (rc != ZOK)
+      return rc == ZNONODE ? Status{} : fail(rc, "cannot read " + root_);
+    std::vector<std::string> kids, others;
+    rc = session_->children(root_, kids);
+    if (rc != ZOK)
+      return rc == ZNONODE ? Status{} : fail(rc, "cannot list " + root_);
+    for (const auto &k : kids)
+      if (k != "keys" && k != "locks")
+        others.push_back(k);
+    const bool foreign_data = !null && !data.empty() && !data.starts_with(kMarker);
+    if (!foreign_data && others.empty())
+      return {};
+    std::string what = foreign_data ? "data that is not a registry's marker" : "";
+    if (!others.empty()) {
+      what += what.empty() ? "" : " and ";
+      what += "children that are not a registry's (";
+      for (std::size_t i = 0; i < others.size() && i < 5; ++i)
+        what += (i ? ", " : "") + others[i];
+      what += others.size() > 5 ? ", ...)" : ")";
+    }
+    return Status::failure(HVS_ERR_EXISTS, loc_ + ": " + root_ + " holds " + what +
+                                               "; a registry is made only in a new "
+                                               "or empty place");
+  }
+
   // Creates ROOT (with its parents), its marker, ROOT/keys and ROOT/locks.
   Status lay_out() {
     for (std::size_t slash = root_.find('/', 1);;
@@ -620,6 +698,16 @@ std::unique_ptr<Backend> open_zookeeper(const Location &loc, bool create,
   return backend;
 }
 
+Status zookeeper_missing_part(const Location &loc, std::string &part) {
+  ZkBackend b(loc, zk::Settings::from_env(loc.path));
+  return b.missing_part(part);
+}
+
+Status zookeeper_remove_created(const Location &loc, const std::string &part) {
+  ZkBackend b(loc, zk::Settings::from_env(loc.path));
+  return b.remove_tree(part);
+}
+
 } // namespace hvs
 
 #else // !HVS_WITH_ZOOKEEPER
@@ -633,6 +721,15 @@ std::unique_ptr<Backend> open_zookeeper(const Location &loc, bool /*create*/,
                            ": this build has no ZooKeeper engine (hosts " +
                            loc.path + ", root " + loc.root + ")");
   return nullptr;
+}
+
+Status zookeeper_missing_part(const Location &, std::string &part) {
+  part.clear();
+  return {};
+}
+
+Status zookeeper_remove_created(const Location &, const std::string &) {
+  return {};
 }
 
 } // namespace hvs

@@ -159,6 +159,31 @@ std::unique_ptr<Backend> open_memory(const Location &loc, bool create,
 std::unique_ptr<Backend> open_zookeeper(const Location &loc, bool create,
                                         Status &st);
 
+/* A creating open lays a registry out only where nothing else is: an SQLite
+ * file with tables that are not the registry's, or a ZooKeeper root with
+ * data or children other than a registry's marker, keys and locks, is
+ * refused with HVS_ERR_EXISTS, unless the process allowed it first (hvsctl
+ * import --force). Off by default. */
+void allow_foreign_location(bool allow) noexcept;
+bool foreign_location_allowed() noexcept;
+
+/* What a creating open at loc would make, found before it: the outermost
+ * part of the location that does not exist yet (the first missing
+ * directory of an SQLite path, or the file itself; the first missing znode
+ * on the way to a ZooKeeper root). Empty when the registry's file or root
+ * exists already, and for mem:. */
+Status missing_part(const Location &loc, std::string &part);
+/* Takes away what a creating open made at loc where missing_part() gave
+ * part: the SQLite file with its -wal, -shm and -journal files and the
+ * directories made for it, once empty; on ZooKeeper the znode part and
+ * everything under it. Call it with no handle open on loc. */
+Status remove_created(const Location &loc, const std::string &part);
+/* The engines' halves of the two. */
+Status sqlite_missing_part(const Location &loc, std::string &part);
+Status sqlite_remove_created(const Location &loc, const std::string &part);
+Status zookeeper_missing_part(const Location &loc, std::string &part);
+Status zookeeper_remove_created(const Location &loc, const std::string &part);
+
 } // namespace hvs
 
 #endif
