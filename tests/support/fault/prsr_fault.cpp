@@ -4,6 +4,7 @@
 // says so, and otherwise hands it to the next definition in lookup order
 // (the real library), keeping the live counts from what the real call
 // returned. All state is atomic: the library is called from many threads.
+#include <cstdlib>
 #include "prsr_fault.h"
 
 #include "hvsapi.h"
@@ -106,6 +107,14 @@ void fault_arm_registry(long n, int32_t code) {
 void fault_arm_lock(long n) {
   g_fired.store(false);
   g_lock.arm(n, false);
+}
+
+// Preloaded into a program (LD_PRELOAD), the interposer is armed from the
+// environment: PRSR_FAULT_ALLOC=N fails the N-th allocation and every later
+// one.
+__attribute__((constructor)) static void arm_from_environment() {
+  if (const char *n = std::getenv("PRSR_FAULT_ALLOC"); n != nullptr && *n != '\0')
+    fault_arm_alloc(std::atol(n), 1);
 }
 
 int fault_fired(void) { return g_fired.load() ? 1 : 0; }
