@@ -334,7 +334,7 @@ public:
       switch (op.kind) {
       case Op::Create:
         zoo_create_op_init(&zops[i], op.path.c_str(), data, len,
-                           &ZOO_OPEN_ACL_UNSAFE, 0, nullptr, 0);
+                           session_->acl(), 0, nullptr, 0);
         break;
       case Op::Set:
         zoo_set_op_init(&zops[i], op.path.c_str(), data, len, -1, nullptr);
