@@ -126,6 +126,19 @@ TEST_F(Prsrctl, LookupsAnswerWithNamesAsSpelled) {
   EXPECT_EQ(true, run_json("get supported -d sales -s sales.east -i sales1")["supported"]);
 }
 
+// Global options count wherever they are written, on both tools.
+TEST_F(Prsrctl, GlobalOptionsWorkAfterTheCommand) {
+  Result r = sh(std::string(PRSRCTL_PATH) + " config database --json --registry " + reg_);
+  ASSERT_EQ(0, r.status) << r.err;
+  EXPECT_TRUE(json::accept(r.out)) << r.out;
+  r = sh(std::string(PRSRCTL_PATH) + " get enabled -d sales --registry " + reg_ + " -v");
+  EXPECT_EQ(0, r.status) << r.err;
+  EXPECT_NE(std::string::npos, r.err.find("prsr_get_db_enabled")) << r.err;
+  r = sh(std::string(HVSCTL_PATH) + " export DATABASE.DATABASES.sales --registry " + reg_);
+  EXPECT_EQ(0, r.status) << r.err;
+  EXPECT_TRUE(json::accept(r.out)) << r.out;
+}
+
 TEST_F(Prsrctl, ValuesThatAreNotUtf8ComeOutInJson) {
   ASSERT_EQ(0, sh(std::string(HVSCTL_PATH) + " --registry " + reg_ +
                   " set DATABASE.DATABASES.sales.DOMAIN --hex 6578ff00")

@@ -273,6 +273,9 @@ int do_resources() {
 int main(int argc, char **argv) {
   CLI::App app{"hvsctl - administer the cluster registry"};
   app.require_subcommand(1);
+  // Global options count wherever they stand, before or after a command;
+  // the commands made below inherit this.
+  app.fallthrough();
   std::string registry;
   app.add_option("--registry", registry,
                  "registry location (sqlite:PATH, mem:NAME, zk://...); "

@@ -10,6 +10,9 @@ int main(int argc, char **argv) {
   using namespace prsrctl;
   CLI::App app{"prsrctl - show and change cluster database configuration"};
   app.require_subcommand(1);
+  // Global options count wherever they stand, before or after a command;
+  // the commands made below inherit this.
+  app.fallthrough();
   Globals g;
   int exit_code = kOk;
   app.add_flag("--json", g.json, "Print one JSON document instead of a report");
