@@ -137,6 +137,12 @@ TEST_F(Prsrctl, GlobalOptionsWorkAfterTheCommand) {
   r = sh(std::string(HVSCTL_PATH) + " export DATABASE.DATABASES.sales --registry " + reg_);
   EXPECT_EQ(0, r.status) << r.err;
   EXPECT_TRUE(json::accept(r.out)) << r.out;
+  for (const char *tool : {PRSRCTL_PATH, HVSCTL_PATH}) {
+    r = sh(std::string(tool) + " --registry " + reg_ + " --version");
+    EXPECT_EQ(0, r.status) << tool;
+    EXPECT_NE(std::string::npos, r.out.find("1.")) << r.out;
+    EXPECT_NE(std::string::npos, r.out.find("registry: " + reg_)) << r.out;
+  }
 }
 
 TEST_F(Prsrctl, ValuesThatAreNotUtf8ComeOutInJson) {

@@ -22,6 +22,7 @@
 #include "hvsadm.h"
 #include "mp.h"
 #include "command.h"
+#include "hvs_location.h"
 #include "registry_file.h"
 #include "rsmgr.h"
 #include "trc.h"
@@ -280,6 +281,10 @@ int main(int argc, char **argv) {
   app.add_option("--registry", registry,
                  "registry location (sqlite:PATH, mem:NAME, zk://...); "
                  "overrides HVS_REGISTRY");
+  app.set_version_flag("--version", [&registry] {
+    return "hvsctl " HVSCTL_VERSION "\nregistry: " +
+           (registry.empty() ? hvs::resolve_location() : hvs::parse_location(registry)).text;
+  });
 
   bool replace = false;
   std::string import_file;

@@ -19,6 +19,12 @@ int main(int argc, char **argv) {
   app.add_flag("-v,--verbose", g.verbose, "Show the library's trace lines on stderr (-vv: all)");
   app.add_option("--registry", g.registry,
                  "Registry location (overrides HVS_REGISTRY), e.g. sqlite:/path/registry.db");
+  app.set_version_flag("--version", [&g] {
+    if (!g.registry.empty())
+      setenv("HVS_REGISTRY", g.registry.c_str(), 1);
+    return "prsrctl " PRSR_TOOLS_VERSION " (libprsr " PRSR_TOOLS_VERSION ")\nregistry: " +
+           registry_location();
+  });
   app.parse_complete_callback([&g] {
     if (!g.registry.empty())
       setenv("HVS_REGISTRY", g.registry.c_str(), 1);
