@@ -204,6 +204,7 @@ zk_find() { # zk_find leader|follower: the first server in that mode
 # ---- scenarios ----------------------------------------------------------
 
 dir= root= WPIDS=() last_fault=0
+declare -A KILLED # processes the rig killed on purpose
 
 now_ms() { echo $(($(date +%s%N) / 1000000)); }
 mark() { "$worker" mark --log "$dir/marks.log" "$@"; }
@@ -272,18 +273,25 @@ dump_queues() {
 }
 
 # Ends the scenario's processes: SIGTERM, then SIGKILL for the stuck ones.
+# A process that ends with a failure (a sanitizer's report among them) is
+# marked for the checker.
 finish() {
-  local pid
+  local pid st
   for pid in "${WPIDS[@]}"; do alive "$pid" && kill -TERM "$pid"; done
   local deadline=$((SECONDS + LKS_TIMEOUT_MS / 1000 + HVS_ZK_TIMEOUT_MS / 1000 + 5))
   for pid in "${WPIDS[@]}"; do
+    [[ -n ${KILLED[$pid]:-} ]] && continue
     while alive "$pid" && ((SECONDS < deadline)); do sleep 0.1; done
     if alive "$pid"; then
       kill -9 "$pid"
+      wait "$pid" 2>/dev/null
       mark what=stuck pid="$pid"
       say "worker $pid did not end on SIGTERM: killed"
+      continue
     fi
     wait "$pid" 2>/dev/null
+    st=$?
+    ((st == 0)) || mark what=failed pid="$pid" status="$st"
   done
   mark what=end
 }
@@ -412,6 +420,7 @@ scenario_soak() { # scenario_soak NAME zk|sqlite
     alive "$victim" || continue
     kill -9 "$victim"
     wait "$victim" 2>/dev/null
+    KILLED[$victim]=1
     fault_at
     mark what=kill pid="$victim"
     kills=$((kills + 1))

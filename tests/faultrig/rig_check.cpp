@@ -535,9 +535,23 @@ void check_queues(Scenario &s) {
 void check_marks(Scenario &s) {
   if (!s.marks)
     return;
-  for (auto &l : s.marks->lines)
+  for (auto &l : s.marks->lines) {
     if (l->get("what") == "integrity" && l->get("result") != "ok")
       s.flag("SQLite integrity check failed", l->get("detail"), {l.get()});
+    if (l->get("what") != "failed")
+      continue;
+    // A process that ended with a failure: its last events say why.
+    std::vector<const Line *> ev{l.get()};
+    std::string who = "pid " + l->get("pid");
+    for (const auto &p : s.procs)
+      if (p->pid == l->num("pid", 0)) {
+        who = p->name + " (" + who + ")";
+        for (std::size_t i = p->lines.size() > 3 ? p->lines.size() - 3 : 0; i < p->lines.size();
+             ++i)
+          ev.push_back(p->lines[i].get());
+      }
+    s.flag("process failed", who + " ended with status " + l->get("status"), ev);
+  }
 }
 
 // ---- the report ---------------------------------------------------------
