@@ -1,6 +1,7 @@
 // One ZooKeeper session with bounded waits (see zk_session.h).
 #include "zk_session.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <chrono>
 #include <cstdlib>
@@ -43,7 +44,9 @@ int hex_value(char c) {
   return -1; // lower case is never written, so never read either
 }
 
-// What one asynchronous call hands back to the waiting thread.
+// What one asynchronous call hands back to the waiting thread. It is shared
+// with the completion, so an answer that comes after its caller gave up
+// lands here and nowhere else.
 struct Call {
   std::mutex mu;
   std::condition_variable cv;
@@ -52,6 +55,7 @@ struct Call {
   bool null = false;
   std::string data;
   std::vector<std::string> strings;
+  std::vector<zoo_op_result_t> results;
 };
 using Holder = std::shared_ptr<Call>;
 
@@ -101,16 +105,48 @@ void stat_done(int rc, const Stat *, const void *ctx) {
 
 void void_done(int rc, const void *ctx) { complete(ctx, rc, [](Call &) {}); }
 
+// Waits for the answer to a call that was submitted with result rc.
+int finish(int rc, const Holder &call, Deadline deadline) {
+  if (rc != ZOK)
+    return rc; // never submitted: the completion will not run
+  std::unique_lock lock(call->mu);
+  if (!call->cv.wait_until(lock, deadline, [&] { return call->done; }))
+    return ZOPERATIONTIMEOUT;
+  return call->rc;
+}
+
+thread_local Deadline t_deadline{};
+thread_local bool t_budget = false;
+
+// Most reads of one call, whatever the connection does.
+constexpr int kReadAttempts = 16;
+
 } // namespace
 
 Settings Settings::from_env(const std::string &hosts) {
   Settings s;
   s.hosts = hosts;
-  s.timeout_ms = int(env_number("HVS_ZK_TIMEOUT_MS", 5000, 100, 600000));
-  s.session_ms = int(env_number("HVS_ZK_SESSION_MS", 10000, 1000, 600000));
+  s.timeout_ms = int(env_number("HVS_ZK_TIMEOUT_MS", 8000, 100, 600000));
+  s.session_ms = int(env_number("HVS_ZK_SESSION_MS", 6000, 1000, 600000));
   s.max_packet = std::size_t(
       env_number("HVS_ZK_MAX_PACKET", 1048575, 4096, 1L << 30));
   return s;
+}
+
+Budget::Budget(Deadline d) : outer_(!t_budget) {
+  if (outer_) {
+    t_budget = true;
+    t_deadline = d;
+  }
+}
+
+Budget::~Budget() {
+  if (outer_)
+    t_budget = false;
+}
+
+Deadline Budget::current(std::chrono::milliseconds fallback) {
+  return t_budget ? t_deadline : Clock::now() + fallback;
 }
 
 std::string encode(std::string_view component) {
@@ -177,22 +213,37 @@ std::string describe(int rc, const Settings &s) {
 void Session::on_event(zhandle_t *, int type, int state, const char *,
                        void *ctx) {
   auto *self = static_cast<Session *>(ctx);
+  bool connected = false;
+  std::vector<std::function<void()>> expiry;
   {
     std::lock_guard lock(self->mu_);
     if (type == ZOO_SESSION_EVENT) {
+      if (state == ZOO_CONNECTED_STATE) {
+        connected = self->state_ != ZOO_CONNECTED_STATE && !self->orphans_.empty();
+        self->lost_at_ = {};
+      } else if (self->state_ == ZOO_CONNECTED_STATE) {
+        self->lost_at_ = Clock::now();
+      }
       self->state_ = state;
-      if (state == ZOO_EXPIRED_SESSION_STATE ||
-          state == ZOO_AUTH_FAILED_STATE)
-        self->expired_ = true;
+      if ((state == ZOO_EXPIRED_SESSION_STATE || state == ZOO_AUTH_FAILED_STATE) &&
+          !self->expired_.exchange(true)) {
+        expiry.swap(self->expiry_);
+        self->orphans_.clear(); // the ensemble removed the session's nodes
+      }
     }
     ++self->events_;
   }
   self->cv_.notify_all();
+  for (auto &fn : expiry)
+    fn();
+  if (connected)
+    self->flush_orphans();
 }
 
 std::shared_ptr<Session> Session::open(const Settings &s, int &rc,
                                        std::string &why) {
   quiet_client_log();
+  const Deadline deadline = Budget::current(s.timeout());
   std::shared_ptr<Session> self(new Session(s));
   errno = 0;
   self->zh_ = zookeeper_init(s.hosts.c_str(), &Session::on_event,
@@ -204,10 +255,9 @@ std::shared_ptr<Session> Session::open(const Settings &s, int &rc,
     return nullptr;
   }
   std::unique_lock lock(self->mu_);
-  bool up = self->cv_.wait_for(
-      lock, std::chrono::milliseconds(s.timeout_ms), [&] {
-        return self->state_ == ZOO_CONNECTED_STATE || self->expired_.load();
-      });
+  bool up = self->cv_.wait_until(lock, deadline, [&] {
+    return self->state_ == ZOO_CONNECTED_STATE || self->expired_.load();
+  });
   if (!up || self->state_ != ZOO_CONNECTED_STATE) {
     lock.unlock();
     rc = ZOPERATIONTIMEOUT;
@@ -233,61 +283,110 @@ uint64_t Session::events() const {
   return events_;
 }
 
-// Waits for the answer to a call that was submitted with result rc.
-template <class CallT> int Session::finish(int rc, std::shared_ptr<CallT> call) {
-  if (rc != ZOK)
-    return rc; // never submitted: the completion will not run
-  std::unique_lock lock(call->mu);
-  if (!call->cv.wait_for(lock, std::chrono::milliseconds(settings_.timeout_ms),
-                         [&] { return call->done; })) {
-    timed_out_ = true;
-    return ZOPERATIONTIMEOUT;
+void Session::wait_event(uint64_t seen, Deadline deadline) {
+  std::unique_lock lock(mu_);
+  cv_.wait_until(lock, deadline,
+                 [&] { return events_ != seen || expired_.load(); });
+}
+
+bool Session::wait_connected(Deadline deadline) {
+  std::unique_lock lock(mu_);
+  for (;;) {
+    if (expired_.load())
+      return false;
+    if (state_ == ZOO_CONNECTED_STATE)
+      return true;
+    // A lost connection is waited out for one timeout, shared by the calls
+    // made meanwhile.
+    Deadline until = deadline;
+    if (lost_at_ != Deadline{} && lost_at_ + settings_.timeout() < until)
+      until = lost_at_ + settings_.timeout();
+    if (cv_.wait_until(lock, until) == std::cv_status::timeout &&
+        Clock::now() >= until)
+      return state_ == ZOO_CONNECTED_STATE && !expired_.load();
   }
-  return call->rc;
+}
+
+void Session::on_expiry(std::function<void()> fn) {
+  std::unique_lock lock(mu_);
+  if (!expired_.load()) {
+    expiry_.push_back(std::move(fn));
+    return;
+  }
+  lock.unlock();
+  fn();
+}
+
+// Sends again after a connection loss, while the session can still heal.
+template <class Submit> int Session::read(Submit &&submit) {
+  const Deadline deadline = Budget::current(settings_.timeout());
+  int rc = ZOK;
+  for (int attempt = 0; attempt < kReadAttempts; ++attempt) {
+    rc = submit(deadline);
+    if (rc != ZCONNECTIONLOSS || !wait_connected(deadline))
+      return rc;
+  }
+  return rc;
 }
 
 // Submits with a holder that the completion frees, or frees it here when the
 // client refused the call outright.
-#define HVS_ZK_SUBMIT(call, expr)                                              \
+#define HVS_ZK_SUBMIT(call, deadline, expr)                                    \
   do {                                                                         \
     Holder *ctx = hold(call);                                                  \
     int submitted = (expr);                                                    \
     if (submitted != ZOK)                                                      \
       delete ctx;                                                              \
-    rc = finish(submitted, call);                                              \
+    rc = finish(submitted, call, deadline);                                    \
   } while (0)
 
 int Session::get(const std::string &path, std::string &data, bool &null) {
-  auto call = std::make_shared<Call>();
-  int rc;
-  HVS_ZK_SUBMIT(call, zoo_aget(zh_, path.c_str(), 0, data_done, ctx));
-  if (rc == ZOK) {
-    std::lock_guard lock(call->mu);
-    data = std::move(call->data);
-    null = call->null;
-  }
-  return rc;
+  return read([&](Deadline deadline) {
+    auto call = std::make_shared<Call>();
+    int rc;
+    HVS_ZK_SUBMIT(call, deadline, zoo_aget(zh_, path.c_str(), 0, data_done, ctx));
+    if (rc == ZOK) {
+      std::lock_guard lock(call->mu);
+      data = std::move(call->data);
+      null = call->null;
+    }
+    return rc;
+  });
 }
 
 int Session::children(const std::string &path, std::vector<std::string> &out) {
-  auto call = std::make_shared<Call>();
-  int rc;
-  HVS_ZK_SUBMIT(call,
-                zoo_aget_children(zh_, path.c_str(), 0, strings_done, ctx));
-  if (rc == ZOK) {
-    std::lock_guard lock(call->mu);
-    out = std::move(call->strings);
-  }
-  return rc;
+  return read([&](Deadline deadline) {
+    auto call = std::make_shared<Call>();
+    int rc;
+    HVS_ZK_SUBMIT(call, deadline,
+                  zoo_aget_children(zh_, path.c_str(), 0, strings_done, ctx));
+    if (rc == ZOK) {
+      std::lock_guard lock(call->mu);
+      out = std::move(call->strings);
+    }
+    return rc;
+  });
+}
+
+int Session::watch_exists(const std::string &path, bool &exists) {
+  int found = read([&](Deadline deadline) {
+    auto call = std::make_shared<Call>();
+    int rc;
+    HVS_ZK_SUBMIT(call, deadline, zoo_aexists(zh_, path.c_str(), 1, stat_done, ctx));
+    return rc;
+  });
+  exists = found == ZOK;
+  return found == ZNONODE ? ZOK : found;
 }
 
 int Session::create(const std::string &path, const char *data, int len,
                     int mode, std::string *created) {
+  const Deadline deadline = Budget::current(settings_.timeout());
   auto call = std::make_shared<Call>();
   int rc;
-  HVS_ZK_SUBMIT(call, zoo_acreate(zh_, path.c_str(), data, len,
-                                  &ZOO_OPEN_ACL_UNSAFE, mode, string_done,
-                                  ctx));
+  HVS_ZK_SUBMIT(call, deadline,
+                zoo_acreate(zh_, path.c_str(), data, len, &ZOO_OPEN_ACL_UNSAFE,
+                            mode, string_done, ctx));
   if (rc == ZOK && created != nullptr) {
     std::lock_guard lock(call->mu);
     *created = call->data;
@@ -296,35 +395,111 @@ int Session::create(const std::string &path, const char *data, int len,
 }
 
 int Session::set(const std::string &path, const char *data, int len) {
+  const Deadline deadline = Budget::current(settings_.timeout());
   auto call = std::make_shared<Call>();
   int rc;
-  HVS_ZK_SUBMIT(call,
+  HVS_ZK_SUBMIT(call, deadline,
                 zoo_aset(zh_, path.c_str(), data, len, -1, stat_done, ctx));
   return rc;
 }
 
 int Session::remove(const std::string &path) {
+  const Deadline deadline = Budget::current(settings_.timeout());
   auto call = std::make_shared<Call>();
   int rc;
-  HVS_ZK_SUBMIT(call, zoo_adelete(zh_, path.c_str(), -1, void_done, ctx));
+  HVS_ZK_SUBMIT(call, deadline, zoo_adelete(zh_, path.c_str(), -1, void_done, ctx));
   return rc;
 }
 
-int Session::watch_exists(const std::string &path, bool &exists) {
-  auto call = std::make_shared<Call>();
-  int rc;
-  HVS_ZK_SUBMIT(call, zoo_aexists(zh_, path.c_str(), 1, stat_done, ctx));
-  exists = rc == ZOK;
-  return rc == ZNONODE ? ZOK : rc;
-}
-
 int Session::multi(int count, const zoo_op_t *ops, zoo_op_result_t *results) {
+  const Deadline deadline = Budget::current(settings_.timeout());
   auto call = std::make_shared<Call>();
+  // The client writes the results when the answer comes, perhaps after we
+  // gave up: they live in the call, and are copied out when in time.
+  call->results.resize(std::size_t(count));
   int rc;
-  HVS_ZK_SUBMIT(call, zoo_amulti(zh_, count, ops, results, void_done, ctx));
+  HVS_ZK_SUBMIT(call, deadline,
+                zoo_amulti(zh_, count, ops, call->results.data(), void_done, ctx));
+  if (rc != ZOPERATIONTIMEOUT && rc != ZINVALIDSTATE && results != nullptr) {
+    std::lock_guard lock(call->mu);
+    if (call->done)
+      std::copy(call->results.begin(), call->results.end(), results);
+  }
   return rc;
 }
 
 #undef HVS_ZK_SUBMIT
+
+namespace {
+
+struct OrphanCall {
+  Session *session;
+  std::string path;
+  std::string prefix;
+};
+
+// Failures after which a deletion is worth sending again on reconnection;
+// after the others the node is gone or the client is going.
+bool worth_again(int rc) {
+  return rc == ZCONNECTIONLOSS || rc == ZOPERATIONTIMEOUT;
+}
+
+} // namespace
+
+void Session::remove_later(const std::string &path, const std::string &prefix) {
+  {
+    std::lock_guard lock(mu_);
+    if (expired_.load())
+      return;
+    orphans_.push_back(Orphan{path, prefix});
+    if (state_ != ZOO_CONNECTED_STATE)
+      return; // sent when the session is connected again
+  }
+  flush_orphans();
+}
+
+// Sends the deletions of the requests that their callers gave up; one that
+// fails for want of a connection comes back to the list, to go out on the
+// next reconnection. Runs on the caller's thread or the client's event
+// thread; the completions run on the latter.
+void Session::flush_orphans() {
+  std::vector<Orphan> todo;
+  {
+    std::lock_guard lock(mu_);
+    todo.swap(orphans_);
+  }
+  // Back to the list, unless the session ended meanwhile.
+  static void (*const requeue)(OrphanCall *, int) = [](OrphanCall *c, int rc) {
+    if (worth_again(rc)) {
+      std::lock_guard lock(c->session->mu_);
+      if (!c->session->expired_.load())
+        c->session->orphans_.push_back(Orphan{c->path, c->prefix});
+    }
+    delete c;
+  };
+  static void (*const deleted)(int, const void *) = [](int rc, const void *ctx) {
+    requeue(static_cast<OrphanCall *>(const_cast<void *>(ctx)), rc);
+  };
+  static void (*const listed)(int, const String_vector *, const void *) =
+      [](int rc, const String_vector *sv, const void *ctx) {
+        auto *c = static_cast<OrphanCall *>(const_cast<void *>(ctx));
+        if (rc != ZOK || sv == nullptr)
+          return requeue(c, rc);
+        for (int32_t i = 0; i < sv->count; ++i)
+          if (std::string_view(sv->data[i]).starts_with(c->prefix)) {
+            auto *d = new OrphanCall{c->session, c->path + "/" + sv->data[i], {}};
+            if (zoo_adelete(c->session->zh_, d->path.c_str(), -1, deleted, d) != ZOK)
+              requeue(d, ZCONNECTIONLOSS);
+          }
+        delete c;
+      };
+  for (auto &o : todo) {
+    auto *c = new OrphanCall{this, o.path, o.prefix};
+    int rc = o.prefix.empty() ? zoo_adelete(zh_, o.path.c_str(), -1, deleted, c)
+                              : zoo_aget_children(zh_, o.path.c_str(), 0, listed, c);
+    if (rc != ZOK)
+      requeue(c, ZCONNECTIONLOSS);
+  }
+}
 
 } // namespace hvs::zk

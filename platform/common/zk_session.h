@@ -1,17 +1,25 @@
-/* zk_session.h - one ZooKeeper session, shared by the registry engine and
- * the lock engine.
+/* zk_session.h - one ZooKeeper session, as the registry engine and the lock
+ * engine use it.
  *
  * Every call is asynchronous underneath and waits for its answer at most
- * the configured time, so no call hangs past HVS_ZK_TIMEOUT_MS whatever
- * the ensemble does. A session that timed out a call, or that the ensemble
- * expired, is "broken": its owner drops it and opens a new one on the next
- * call.
+ * until the deadline of the call in progress (see Budget), so no call hangs
+ * past its timeout whatever the ensemble does. A connection that the
+ * ZooKeeper client heals within the session (a leader election, a server
+ * restart, a move to another server) is waited out: reads are sent again
+ * once the session is connected; writes are sent once and their callers
+ * decide. Only an expired session is dropped; its owner opens a new one on
+ * the next call.
  *
- * Settings, from the environment:
- *   HVS_ZK_TIMEOUT_MS   wait for a connection or an answer (default 5000)
+ * Settings, from the environment (docs/zookeeper.md tells how they relate):
+ *   HVS_ZK_TIMEOUT_MS   the longest a call waits, for a connection or for an
+ *                       answer (default 8000); after a connection loss the
+ *                       calls of the next HVS_ZK_TIMEOUT_MS share that wait,
+ *                       so a disconnected client fails its calls within one
+ *                       timeout of the loss, not one per call
  *   HVS_ZK_SESSION_MS   session timeout asked of the ensemble (default
- *                       10000); a dead client's ephemeral nodes (its locks)
- *                       go that long after it dies
+ *                       6000); a dead client's ephemeral nodes (its locks)
+ *                       go that long after it died, and a client notices a
+ *                       silent server after two thirds of it
  *   HVS_ZK_MAX_PACKET   the ensemble's packet limit, jute.maxbuffer
  *                       (default 1048575, ZooKeeper's own default)
  *   HVS_ZK_DEBUG        log level of the C client, 0 (default) to 4
@@ -22,8 +30,10 @@
 #include <zookeeper/zookeeper.h>
 
 #include <atomic>
+#include <chrono>
 #include <condition_variable>
 #include <cstdint>
+#include <functional>
 #include <memory>
 #include <mutex>
 #include <string>
@@ -32,13 +42,35 @@
 
 namespace hvs::zk {
 
+using Clock = std::chrono::steady_clock;
+using Deadline = Clock::time_point;
+
 struct Settings {
   std::string hosts;          // "host:port,host:port"
-  int timeout_ms = 5000;      // connection and answer wait
-  int session_ms = 10000;     // session timeout asked of the ensemble
+  int timeout_ms = 8000;      // connection and answer wait
+  int session_ms = 6000;      // session timeout asked of the ensemble
   std::size_t max_packet = 1048575;
 
   static Settings from_env(const std::string &hosts);
+  std::chrono::milliseconds timeout() const {
+    return std::chrono::milliseconds(timeout_ms);
+  }
+};
+
+/* The deadline of the call in progress on this thread. The outermost Budget
+ * sets it; inner ones (a helper of the same call) keep it, so that one call
+ * of the registry client or of the lock service waits at most once. */
+class Budget {
+public:
+  explicit Budget(Deadline d);
+  ~Budget();
+  Budget(const Budget &) = delete;
+  Budget &operator=(const Budget &) = delete;
+  /* The deadline of this thread's call; fallback when none is open. */
+  static Deadline current(std::chrono::milliseconds fallback);
+
+private:
+  bool outer_;
 };
 
 /* Reversible encoding of one name component as one znode name: letters,
@@ -54,8 +86,9 @@ std::string describe(int rc, const Settings &s);
 
 class Session {
 public:
-  /* Connects and waits for the session to be established; nullptr with rc
-   * and why filled when no server answered in time. */
+  /* Connects and waits, at most until the current Budget's deadline, for
+   * the session to be established; nullptr with rc and why filled when no
+   * server answered in time. */
   static std::shared_ptr<Session> open(const Settings &s, int &rc,
                                        std::string &why);
   ~Session();
@@ -63,49 +96,67 @@ public:
   Session &operator=(const Session &) = delete;
 
   const Settings &settings() const { return settings_; }
-  /* Expired by the ensemble, or a call went unanswered: open a new one. */
-  bool broken() const { return expired_.load() || timed_out_.load(); }
+  /* Expired (or refused) by the ensemble: open a new one. */
+  bool broken() const { return expired_.load(); }
   bool expired() const { return expired_.load(); }
   int64_t id() const;
 
-  /* null: the node has no data (distinct from 0 bytes). */
+  /* Waits until the session is connected; false when it expired or the
+   * deadline (shortened to one timeout after the connection was lost)
+   * passed first. */
+  bool wait_connected(Deadline deadline);
+
+  /* Reads; sent again after a connection loss that heals in time.
+   * null: the node has no data (distinct from 0 bytes). */
   int get(const std::string &path, std::string &data, bool &null);
   int children(const std::string &path, std::vector<std::string> &out);
-  /* data NULL with len -1: no data. created receives the node's path
-   * (differs from path for sequential nodes). */
+  /* Sets a watch on path; any event on it bumps events(). */
+  int watch_exists(const std::string &path, bool &exists);
+
+  /* Writes, sent once. data NULL with len -1: no data. created receives
+   * the node's path (differs from path for sequential nodes). */
   int create(const std::string &path, const char *data, int len, int mode,
              std::string *created = nullptr);
   int set(const std::string &path, const char *data, int len);
   int remove(const std::string &path);
-  /* Sets a watch on path; any event on it bumps events(). */
-  int watch_exists(const std::string &path, bool &exists);
+  /* results (count entries) are filled when the answer came in time. */
   int multi(int count, const zoo_op_t *ops, zoo_op_result_t *results);
 
+  /* Deletes path now if the session is connected, else as soon as it is
+   * connected again; with prefix, every child of path whose name starts
+   * with it (a request whose name the ensemble never told us). Expiry
+   * deletes ephemeral nodes anyway, so nothing outlives the session. */
+  void remove_later(const std::string &path, const std::string &prefix = {});
+
+  /* Called once, on the client's event thread, when the session expires. */
+  void on_expiry(std::function<void()> fn);
+
   /* Watch events and state changes seen so far. wait_event() returns when
-   * the count moves past seen, the session breaks, or deadline passes. */
+   * the count moves past seen, the session expires, or deadline passes. */
   uint64_t events() const;
-  template <class Clock, class Dur>
-  void wait_event(uint64_t seen,
-                  const std::chrono::time_point<Clock, Dur> &deadline) {
-    std::unique_lock lock(mu_);
-    cv_.wait_until(lock, deadline,
-                   [&] { return events_ != seen || expired_.load(); });
-  }
+  void wait_event(uint64_t seen, Deadline deadline);
 
 private:
   explicit Session(const Settings &s) : settings_(s) {}
   static void on_event(zhandle_t *zh, int type, int state, const char *path,
                        void *ctx);
-  template <class Call> int finish(int rc, std::shared_ptr<Call> call);
+  struct Orphan {
+    std::string path;
+    std::string prefix;
+  };
+  void flush_orphans(); // mu_ not held
+  template <class Submit> int read(Submit &&submit);
 
   Settings settings_;
   zhandle_t *zh_ = nullptr;
   mutable std::mutex mu_;
   std::condition_variable cv_;
   int state_ = 0;
+  Deadline lost_at_{};   // when the connection was last lost; {} when up
   uint64_t events_ = 0;
   std::atomic<bool> expired_{false};
-  std::atomic<bool> timed_out_{false};
+  std::vector<Orphan> orphans_;              // guarded by mu_
+  std::vector<std::function<void()>> expiry_; // guarded by mu_
 };
 
 } // namespace hvs::zk

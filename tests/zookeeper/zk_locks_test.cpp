@@ -3,6 +3,9 @@
 #include "zk_env.h"
 #include "../platform/lock_env.h"
 #include "lock_holder.h"
+#include "hvsadm.h"
+#include "hvsapi.h"
+#include "zk_session.h"
 
 #include <future>
 #include <thread>
@@ -109,9 +112,17 @@ TEST_F(ZooKeeperLocks, KilledHolderReleasesWhenItsSessionExpires) {
 
 // A holder that stops answering loses its session and with it the lock:
 // another process gets the lock, and the holder, resumed, is told so at its
-// release instead of believing it held the lock throughout.
-TEST_F(ZooKeeperLocks, HolderWhoseSessionExpiredIsToldAtRelease) {
+// release instead of believing it held the lock throughout; the write it
+// makes under the lost lock is refused by the ensemble and never lands.
+TEST_F(ZooKeeperLocks, HolderWhoseSessionExpiredCannotWriteAndIsToldAtRelease) {
+  void *reg = nullptr;
+  ASSERT_EQ(0, hvsadm_open(&reg, 1, nullptr, nullptr));
+  for (const char *k : {"DATABASE", "DATABASE.DATABASES"})
+    ASSERT_EQ(0, hvsadm_create_key(reg, k, 0, nullptr, 0));
+  ASSERT_EQ(0, hvsadm_create_key(reg, "DATABASE.DATABASES.sales", 1, "Sales", 6));
+  setenv("LOCK_HOLDER_WRITE", "DATABASE.DATABASES.sales=late", 1);
   LockHolder child(kName, false);
+  unsetenv("LOCK_HOLDER_WRITE");
   ASSERT_TRUE(child.granted());
   child.signal(SIGSTOP);
   setenv("LKS_TIMEOUT_MS", "8000", 1);
@@ -119,9 +130,57 @@ TEST_F(ZooKeeperLocks, HolderWhoseSessionExpiredIsToldAtRelease) {
   Attempt a = try_lock(other, kName, false);
   EXPECT_EQ(LKS_OK, a.code) << a.text;
   child.signal(SIGCONT);
-  EXPECT_EQ(5, child.release()) << "the holder's unlock must report LKS_ERR_LOST";
+  EXPECT_EQ(LKS_ERR_LOST + 16, child.release())
+      << "the write must be refused as made under a lost lock, the unlock report the loss";
+  void *k = nullptr;
+  ASSERT_EQ(0, hvsapi_open_key(reg, &k, "DATABASE.DATABASES.sales"));
+  char buf[16] = {};
+  uint32_t type = 0, len = sizeof buf;
+  EXPECT_EQ(0, hvsapi_get_value(reg, k, &type, buf, &len));
+  EXPECT_STREQ("Sales", buf);
+  hvsapi_close_key(reg, k);
+  hvsapi_terminate(reg);
   EXPECT_EQ(LKS_OK, unlock(other, kName));
   term_ok(other);
+}
+
+// The ensemble itself refuses a write whose lock request is gone, even when
+// the writer has not heard of the loss: here an administrator deleted the
+// request node under a live session.
+TEST_F(ZooKeeperLocks, WriteUnderALockWhoseRequestIsGoneNeverLands) {
+  const std::string loc = std::getenv("HVS_REGISTRY");
+  const std::string root = loc.substr(loc.find('/', 5));
+  void *reg = nullptr;
+  ASSERT_EQ(0, hvsadm_open(&reg, 1, nullptr, nullptr));
+  for (const char *k : {"DATABASE", "DATABASE.DATABASES"})
+    ASSERT_EQ(0, hvsadm_create_key(reg, k, 0, nullptr, 0));
+  ASSERT_EQ(0, hvsadm_create_key(reg, "DATABASE.DATABASES.sales", 1, "Sales", 6));
+  void *h = open_ok();
+  ASSERT_EQ(LKS_OK, try_lock(h, kName, false).code);
+
+  int zrc = 0;
+  std::string why;
+  auto admin = hvs::zk::Session::open(hvs::zk::Settings::from_env(zktest::ensemble()), zrc, why);
+  ASSERT_TRUE(admin) << why;
+  const std::string queue = root + "/locks/" + hvs::zk::encode(kName);
+  std::vector<std::string> nodes;
+  ASSERT_EQ(ZOK, admin->children(queue, nodes));
+  ASSERT_EQ(1u, nodes.size());
+  ASSERT_EQ(ZOK, admin->remove(queue + "/" + nodes[0]));
+
+  void *k = nullptr;
+  ASSERT_EQ(0, hvsapi_open_key(reg, &k, "DATABASE.DATABASES.sales"));
+  EXPECT_EQ(HVS_ERR_LOCK_LOST, hvsapi_set_value(reg, k, 3, "late", 5));
+  hvsapi_close_key(reg, k);
+  ASSERT_EQ(0, hvsapi_open_key(reg, &k, "DATABASE.DATABASES.sales"));
+  char buf[16] = {};
+  uint32_t type = 0, len = sizeof buf;
+  EXPECT_EQ(0, hvsapi_get_value(reg, k, &type, buf, &len));
+  EXPECT_STREQ("Sales", buf);
+  hvsapi_close_key(reg, k);
+  EXPECT_EQ(LKS_ERR_LOST, unlock(h, kName));
+  hvsapi_terminate(reg);
+  term_ok(h);
 }
 
 TEST_F(ZooKeeperLocks, UnlockOfANameNotHeldIsRefused) {

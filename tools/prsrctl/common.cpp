@@ -6,6 +6,7 @@
 #include "hvs_location.h"
 #include "lks.h"
 #include "prsrctl.h"
+#include "../common/json_text.h"
 
 namespace prsrctl {
 
@@ -82,7 +83,7 @@ int report(int32_t rc, const std::string &what, lks_status *status) {
   }
 }
 
-void emit(const nlohmann::json &doc) { std::cout << doc.dump(2) << "\n"; }
+void emit(const nlohmann::json &doc) { std::cout << tools::dump_safe(doc, 2) << "\n"; }
 
 std::vector<Registrar> &families() {
   static std::vector<Registrar> all;

@@ -58,6 +58,7 @@ public:
 
   // Connects and checks (or, with create, lays out) the registry's root.
   Status start(bool create) {
+    zk::Budget budget(zk::Clock::now() + settings_.timeout());
     Status st = ensure();
     if (!st.ok())
       return st;
@@ -91,6 +92,7 @@ public:
   }
 
   Status open_key(std::string_view name, KeyData &out) override {
+    zk::Budget budget(zk::Clock::now() + settings_.timeout());
     Status st = ensure();
     if (!st.ok())
       return st;
@@ -109,7 +111,10 @@ public:
     return {};
   }
 
+  // A write under no lock is sent once: after a lost connection nobody can
+  // tell whether it landed, and the message says so.
   Status set_value(const KeyData &key, uint32_t, std::string_view bytes) override {
+    zk::Budget budget(zk::Clock::now() + settings_.timeout());
     if (key.path.empty())
       return Status::failure(HVS_ERR_ARGUMENT,
                              loc_ + ": the root holds no value");
@@ -122,12 +127,72 @@ public:
     if (rc == ZNONODE)
       return Status::failure(HVS_ERR_NO_KEY,
                              loc_ + ": the key was deleted meanwhile");
+    if (rc == ZCONNECTIONLOSS)
+      return fail(rc, "write of key " + key.path +
+                          " (sent; whether it landed is unknown)");
     if (rc != ZOK)
       return fail(rc, "write of key " + key.path);
     return {};
   }
 
+  // A write under a lock goes with a check that the lock's request node
+  // still exists, in one request: the ensemble applies both or neither, so
+  // a write can never land after its lock was lost, whatever the client's
+  // timing. After a lost connection it is sent again: the check proves that
+  // the lock is still held, and the same value written twice leaves what
+  // one write leaves.
+  Status set_value_fenced(const KeyData &key, uint32_t type, std::string_view bytes,
+                          std::string_view fence) override {
+    if (fence.empty())
+      return set_value(key, type, bytes);
+    zk::Budget budget(zk::Clock::now() + settings_.timeout());
+    if (key.path.empty())
+      return Status::failure(HVS_ERR_ARGUMENT,
+                             loc_ + ": the root holds no value");
+    if (Status st = fits(key.path, bytes); !st.ok())
+      return st;
+    const std::string fence_path(fence);
+    const std::string path = path_of(key.path);
+    zoo_op_t ops[2];
+    zoo_op_result_t results[2];
+    zoo_check_op_init(&ops[0], fence_path.c_str(), -1);
+    zoo_set_op_init(&ops[1], path.c_str(), data_of(bytes), int(bytes.size()), -1,
+                    nullptr);
+    const zk::Deadline deadline = zk::Budget::current(settings_.timeout());
+    int rc = ZOK;
+    for (int attempt = 0; attempt < 8; ++attempt) {
+      if (Status st = ensure(); !st.ok())
+        return st;
+      results[0].err = results[1].err = ZOK;
+      rc = session_->multi(2, ops, results);
+      if (rc == ZOK)
+        return {};
+      if (rc != ZCONNECTIONLOSS && rc != ZSESSIONEXPIRED && rc != ZINVALIDSTATE)
+        break;
+      // Healed in time (or a new session): send it again.
+      if (rc == ZCONNECTIONLOSS && !session_->wait_connected(deadline) &&
+          !session_->expired())
+        break;
+      if (zk::Clock::now() >= deadline)
+        break;
+    }
+    if (rc == ZNONODE && results[0].err == ZNONODE)
+      return Status::failure(
+          HVS_ERR_LOCK_LOST,
+          loc_ + ": write of key " + key.path +
+              " refused: the lock it was made under is no longer held (its request " +
+              fence_path + " is gone, its session expired); nothing was written");
+    if (rc == ZNONODE && results[1].err == ZNONODE)
+      return Status::failure(HVS_ERR_NO_KEY, loc_ + ": the key was deleted meanwhile");
+    if (rc == ZCONNECTIONLOSS || rc == ZOPERATIONTIMEOUT)
+      return fail(rc, "write of key " + key.path +
+                          " (whether it landed is unknown; it cannot land once the lock "
+                          "is released)");
+    return fail(rc, "write of key " + key.path);
+  }
+
   Status children(const KeyData &key, std::vector<std::string> &out) override {
+    zk::Budget budget(zk::Clock::now() + settings_.timeout());
     out.clear();
     if (Status st = ensure(); !st.ok())
       return st;
@@ -147,6 +212,7 @@ public:
 
   Status create_key(std::string_view name, bool has_value, uint32_t,
                     std::string_view bytes) override {
+    zk::Budget budget(zk::Clock::now() + settings_.timeout());
     if (has_value)
       if (Status st = fits(name, bytes); !st.ok())
         return st;
@@ -167,6 +233,7 @@ public:
 
   Status put_value(std::string_view name, bool has_value, uint32_t,
                    std::string_view bytes) override {
+    zk::Budget budget(zk::Clock::now() + settings_.timeout());
     if (has_value)
       if (Status st = fits(name, bytes); !st.ok())
         return st;
@@ -184,6 +251,7 @@ public:
   }
 
   Status delete_key(std::string_view name, bool recursive) override {
+    zk::Budget budget(zk::Clock::now() + settings_.timeout());
     if (name.empty() && !recursive)
       return Status::failure(HVS_ERR_NOT_EMPTY,
                              loc_ + ": the root cannot be deleted");
@@ -218,11 +286,8 @@ public:
         zoo_delete_op_init(&ops[i], paths[i].c_str(), -1);
       }
       int rc = session_->multi(int(n), ops.data(), results.data());
-      if (rc != ZOK) {
-        if (zk::connection_problem(rc))
-          session_.reset(); // no late answer may land in results
+      if (rc != ZOK)
         return fail(rc, "deletion of key " + shown(name));
-      }
     }
     return {};
   }
@@ -236,6 +301,7 @@ public:
   }
 
   Status commit() override {
+    zk::Budget budget(zk::Clock::now() + settings_.timeout());
     if (!in_tx_)
       return Status::failure(HVS_ERR_ARGUMENT,
                              loc_ + ": commit without a transaction");
@@ -281,11 +347,9 @@ public:
     int rc = session_->multi(int(zops.size()), zops.data(), results.data());
     if (rc == ZOK)
       return {};
-    if (zk::connection_problem(rc)) {
-      session_.reset(); // no late answer may land in results
+    if (zk::connection_problem(rc))
       return fail(rc, "commit of " + std::to_string(ops.size()) +
                           " writes (nothing was written, or all of it)");
-    }
     for (std::size_t i = 0; i < ops.size(); ++i) {
       int err = results[i].err;
       if (err == ZOK || err == ZRUNTIMEINCONSISTENCY)

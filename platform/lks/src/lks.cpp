@@ -37,7 +37,7 @@ static_assert(sizeof(lks_status) == 216, "status record size");
 constexpr uint16_t kVersionMajor = 2;
 constexpr uint16_t kVersionMinor = 1;
 constexpr uint32_t kParamsSize = 272;
-constexpr long kDefaultTimeoutMs = 10000;
+constexpr long kDefaultTimeoutMs = 20000;
 constexpr uint64_t kHandleMagic = 0x4c4b5348444c0001ull; // "LKSHDL"
 
 int32_t report(lks_status *st, int32_t code, int err, const char *fmt, ...)
@@ -184,6 +184,7 @@ LKS_EXPORT int32_t lkssterm(lks_status *status, void *handle) {
   {
     std::lock_guard<std::mutex> guard(svc->mutex);
     for (auto &entry : svc->held) {
+      svc->engine->attach(entry.second.token, nullptr);
       hvs_hold_leave(entry.second.hold, nullptr, 0);
       svc->engine->release(entry.second.token);
     }
@@ -221,6 +222,7 @@ LKS_EXPORT int32_t lksunlock(lks_status *status, void *handle, const char *name)
     svc->held.erase(it);
   }
   // What was written under the lock is committed while it is still held.
+  svc->engine->attach(held.token, nullptr);
   char why[160];
   int32_t committed = hvs_hold_leave(held.hold, why, sizeof why);
   lks::Outcome o = svc->engine->release(held.token);

@@ -4,6 +4,7 @@
 #include "lks.h"
 
 #include <algorithm>
+#include <set>
 #include <cstdio>
 #include <thread>
 #include <vector>
@@ -59,10 +60,18 @@ std::string shown(const std::string &name) {
 
 } // namespace
 
+// The grants made on one session, so that its expiry marks them lost.
+struct ZkLockEngine::Holds {
+  std::mutex mu;
+  bool expired = false;
+  std::set<Hold *> grants;
+};
+
 struct ZkLockEngine::Hold {
-  std::shared_ptr<hvs::zk::Session> session;
-  std::string node;
+  Live live;
+  std::string node; // full path of the request node
   std::string name;
+  hvs_hold *registry = nullptr; // guarded by live.holds->mu
 };
 
 ZkLockEngine::ZkLockEngine(const hvs::Location &loc)
@@ -81,95 +90,165 @@ Outcome ZkLockEngine::failure(int rc, const std::string &what) const {
   return o;
 }
 
-Outcome ZkLockEngine::session(std::shared_ptr<hvs::zk::Session> &out) {
+Outcome ZkLockEngine::session(Live &out) {
   std::lock_guard lock(mu_);
-  if (!current_ || current_->broken()) {
-    current_.reset();
+  if (!current_.session || current_.session->broken()) {
+    current_ = Live{};
     int rc = 0;
     std::string why;
-    current_ = hvs::zk::Session::open(settings_, rc, why);
-    if (!current_) {
+    auto s = hvs::zk::Session::open(settings_, rc, why);
+    if (!s) {
       Outcome o;
       o.code = LKS_ERR_SYSTEM;
       o.message = "lock service on ZooKeeper: " + why;
       return o;
     }
+    auto holds = std::make_shared<Holds>();
+    s->on_expiry([holds] {
+      std::lock_guard g(holds->mu);
+      holds->expired = true;
+      for (Hold *h : holds->grants)
+        hvs_hold_lost(h->registry);
+    });
+    current_ = Live{std::move(s), std::move(holds)};
   }
   out = current_;
   return Outcome::ok();
 }
 
 Outcome ZkLockEngine::connect() {
-  std::shared_ptr<hvs::zk::Session> s;
-  return session(s);
+  hvs::zk::Budget budget(hvs::zk::Clock::now() + settings_.timeout());
+  Live live;
+  return session(live);
 }
 
 Outcome ZkLockEngine::acquire(const std::string &name, Mode mode,
                               std::chrono::milliseconds timeout, Token *token) {
   const auto deadline = Clock::now() + timeout;
+  hvs::zk::Budget budget(deadline);
   const bool write = mode == Mode::Exclusive;
-  const char *what = write ? "exclusive" : "shared";
-  std::shared_ptr<hvs::zk::Session> s;
-  if (Outcome o = session(s); o.code != 0)
-    return o;
+  // A session that expires while its request waits takes the request with
+  // it; the wait goes on with a new session while there is time.
+  for (int round = 0;; ++round) {
+    Live live;
+    if (Outcome o = session(live); o.code != 0)
+      return o;
+    bool expired = false;
+    Outcome o = attempt(live, name, write, deadline, long(timeout.count()), token, expired);
+    if (!expired || round == 2 || Clock::now() >= deadline)
+      return o;
+  }
+}
 
-  // The request: unique per call, so that one lost in a dropped connection
-  // can be found again and withdrawn.
+Outcome ZkLockEngine::attempt(const Live &live, const std::string &name, bool write,
+                              hvs::zk::Deadline deadline, long wait_ms, Token *token, bool &expired) {
+  const char *what = write ? "exclusive" : "shared";
+  hvs::zk::Session &s = *live.session;
+  auto gone = [&](int rc) {
+    expired = s.expired();
+    Outcome o;
+    o.code = LKS_ERR_LOST;
+    o.message = "lock " + shown(name) + ": the " + what + " request went with its session (" +
+                hvs::zk::describe(rc == ZOK ? ZSESSIONEXPIRED : rc, settings_) + ")";
+    return o;
+  };
+
+  // The request: unique per call, so that one whose answer was lost with
+  // the connection can be found again.
   const std::string queue = queue_of(name);
   char tag[64];
-  std::snprintf(tag, sizeof tag, "%llx-%llu-", static_cast<unsigned long long>(s->id()),
+  std::snprintf(tag, sizeof tag, "%llx-%llu-", static_cast<unsigned long long>(s.id()),
                 static_cast<unsigned long long>(++serial_));
   const std::string prefix = std::string(write ? kWrite : kRead) + tag;
   std::string mine;
-  int rc = ZNONODE;
-  for (int attempt = 0; attempt < 4 && rc == ZNONODE; ++attempt) {
-    rc = s->create(queue + "/" + prefix, nullptr, -1, ZOO_EPHEMERAL_SEQUENTIAL, &mine);
-    if (rc != ZNONODE)
+  for (int attempt = 0; mine.empty(); ++attempt) {
+    int rc = s.create(queue + "/" + prefix, nullptr, -1, ZOO_EPHEMERAL_SEQUENTIAL, &mine);
+    if (rc == ZOK)
       break;
-    // No queue yet (or the ensemble removed an empty one meanwhile): make
-    // it, and the lock root above it on first use.
-    int qrc = s->create(queue, nullptr, -1, ZOO_CONTAINER);
-    if (qrc == ZNONODE) {
-      for (std::size_t slash = locks_.find('/', 1);; slash = locks_.find('/', slash + 1)) {
-        int prc = s->create(locks_.substr(0, slash), nullptr, -1, 0);
-        if (prc != ZOK && prc != ZNODEEXISTS)
-          return failure(prc, "lock " + shown(name) + ": cannot create " + locks_);
-        if (slash == std::string::npos)
-          break;
-      }
-    } else if (qrc != ZOK && qrc != ZNODEEXISTS) {
-      return failure(qrc, "lock " + shown(name) + ": cannot create its queue");
+    if (s.expired())
+      return gone(rc);
+    if (attempt >= 8) {
+      s.remove_later(queue, prefix);
+      return failure(rc, "lock " + shown(name) + ": " + what + " request not placed");
     }
-  }
-  if (rc != ZOK) {
-    if (rc == ZCONNECTIONLOSS || rc == ZOPERATIONTIMEOUT) {
-      // The request may have landed: withdraw whatever carries our prefix.
+    if (rc == ZNONODE) {
+      // No queue yet (or the ensemble removed an empty one meanwhile): make
+      // it, and the lock root above it on first use.
+      int qrc = s.create(queue, nullptr, -1, ZOO_CONTAINER);
+      if (qrc == ZNONODE) {
+        for (std::size_t slash = locks_.find('/', 1);; slash = locks_.find('/', slash + 1)) {
+          int prc = s.create(locks_.substr(0, slash), nullptr, -1, 0);
+          if (prc != ZOK && prc != ZNODEEXISTS)
+            return failure(prc, "lock " + shown(name) + ": cannot create " + locks_);
+          if (slash == std::string::npos)
+            break;
+        }
+      } else if (qrc != ZOK && qrc != ZNODEEXISTS && !hvs::zk::connection_problem(qrc)) {
+        return failure(qrc, "lock " + shown(name) + ": cannot create its queue");
+      }
+      continue;
+    }
+    if (rc == ZCONNECTIONLOSS && s.wait_connected(deadline)) {
+      // The request may have landed before the connection went: look for it.
       std::vector<std::string> nodes;
-      if (s->children(queue, nodes) == ZOK)
+      if (s.children(queue, nodes) == ZOK)
         for (const auto &n : nodes)
           if (n.starts_with(prefix))
-            s->remove(queue + "/" + n);
+            mine = queue + "/" + n;
+      continue;
     }
-    return failure(rc, "lock " + shown(name) + ": " + what + " request not placed");
+    if (!hvs::zk::connection_problem(rc))
+      return failure(rc, "lock " + shown(name) + ": " + what + " request not placed");
+    // Out of time with the connection down: the request, if it landed, is
+    // deleted when the connection returns, or goes with the session.
+    if (s.expired())
+      return gone(rc);
+    s.remove_later(queue, prefix);
+    Outcome o = failure(rc, "lock " + shown(name) + ": " + what + " request not placed");
+    o.code = Clock::now() >= deadline ? LKS_ERR_TIMEOUT : LKS_ERR_SYSTEM;
+    return o;
   }
   const std::string me = basename(mine);
-  auto withdraw = [&] { s->remove(mine); };
+  // Given up: deleted now if the session is connected, else on its return.
+  auto withdraw = [&] { s.remove_later(mine); };
 
-  for (;;) {
+  constexpr int kMaxRounds = 100000; // far beyond any real queue's churn
+  std::string blocker_node;
+  bool blocker_write = false;
+  auto too_late = [&] {
+    withdraw();
+    Outcome o;
+    o.code = LKS_ERR_TIMEOUT;
+    o.message = "lock " + shown(name) + ": " + what + " request not granted within " +
+                std::to_string(wait_ms) + " ms (behind the " +
+                (blocker_write ? "exclusive" : "shared") + " request " + blocker_node +
+                "); request withdrawn";
+    return o;
+  };
+  for (int round = 0; round < kMaxRounds; ++round) {
+    if (round > 0 && Clock::now() >= deadline)
+      return too_late();
     std::vector<std::string> nodes;
-    rc = s->children(queue, nodes);
+    int rc = s.children(queue, nodes);
     if (rc != ZOK) {
+      if (s.expired())
+        return gone(rc);
       withdraw();
-      return failure(rc, "lock " + shown(name) + ": listing of requests failed");
+      Outcome o = failure(rc, "lock " + shown(name) + ": listing of requests failed");
+      if (Clock::now() >= deadline)
+        o.code = LKS_ERR_TIMEOUT;
+      return o;
     }
     std::vector<Request> queue_now = parse(nodes);
     auto self = std::find_if(queue_now.begin(), queue_now.end(),
                              [&](const Request &r) { return r.node == me; });
     if (self == queue_now.end()) {
+      if (s.expired())
+        return gone(ZSESSIONEXPIRED);
       Outcome o;
       o.code = LKS_ERR_LOST;
       o.message = "lock " + shown(name) + ": the " + what +
-                  " request vanished while waiting (its ZooKeeper session expired)";
+                  " request was deleted by another client while it waited";
       return o;
     }
     // The nearest earlier request that keeps us out.
@@ -178,69 +257,106 @@ Outcome ZkLockEngine::acquire(const std::string &name, Mode mode,
       if (write || it->write)
         blocker = &*it;
     if (blocker == nullptr) {
-      auto *hold = new Hold{s, mine, name};
-      *token = reinterpret_cast<Token>(hold);
+      auto hold = std::make_unique<Hold>(Hold{live, mine, name, nullptr});
+      {
+        std::lock_guard g(live.holds->mu);
+        if (live.holds->expired)
+          return gone(ZSESSIONEXPIRED);
+        live.holds->grants.insert(hold.get());
+      }
+      *token = reinterpret_cast<Token>(hold.release());
       return Outcome::ok();
     }
-    const std::string blocker_node = blocker->node;
-    const bool blocker_write = blocker->write;
-    uint64_t seen = s->events();
+    blocker_node = blocker->node;
+    blocker_write = blocker->write;
+    uint64_t seen = s.events();
     bool present = false;
-    rc = s->watch_exists(queue + "/" + blocker_node, present);
+    rc = s.watch_exists(queue + "/" + blocker_node, present);
     if (rc != ZOK) {
+      if (s.expired())
+        return gone(rc);
       withdraw();
-      return failure(rc, "lock " + shown(name) + ": watch of " + blocker_node + " failed");
+      Outcome o = failure(rc, "lock " + shown(name) + ": watch of " + blocker_node + " failed");
+      if (Clock::now() >= deadline)
+        o.code = LKS_ERR_TIMEOUT;
+      return o;
     }
     if (!present)
       continue; // gone already: look again
-    if (Clock::now() >= deadline) {
-      withdraw();
-      Outcome o;
-      o.code = LKS_ERR_TIMEOUT;
-      o.message = "lock " + shown(name) + ": " + what + " request not granted within " +
-                  std::to_string(timeout.count()) + " ms (behind the " +
-                  (blocker_write ? "exclusive" : "shared") + " request " + blocker_node +
-                  "); request withdrawn";
-      return o;
-    }
-    s->wait_event(seen, deadline);
-    if (s->expired()) {
-      Outcome o;
-      o.code = LKS_ERR_LOST;
-      o.message = "lock " + shown(name) + ": the ZooKeeper session expired while the " +
-                  what + " request waited";
-      return o;
-    }
+    s.wait_event(seen, deadline);
+    if (s.expired())
+      return gone(ZSESSIONEXPIRED);
   }
+  withdraw();
+  return failure(ZSYSTEMERROR, "lock " + shown(name) + ": the queue changed too often");
+}
+
+std::string ZkLockEngine::fence(Token token) const {
+  const auto *hold = reinterpret_cast<const Hold *>(token);
+  return hold ? hold->node : std::string();
+}
+
+void ZkLockEngine::attach(Token token, hvs_hold *registry) {
+  auto *hold = reinterpret_cast<Hold *>(token);
+  if (hold == nullptr)
+    return;
+  std::lock_guard g(hold->live.holds->mu);
+  hold->registry = registry;
+  if (registry != nullptr && hold->live.holds->expired)
+    hvs_hold_lost(registry);
 }
 
 Outcome ZkLockEngine::release(Token token) {
   std::unique_ptr<Hold> hold(reinterpret_cast<Hold *>(token));
   if (!hold)
     return Outcome::ok();
+  {
+    std::lock_guard g(hold->live.holds->mu);
+    hold->live.holds->grants.erase(hold.get());
+    hold->registry = nullptr;
+  }
+  hvs::zk::Session &s = *hold->live.session;
+  // Said the same way however the loss came to light.
   auto lost = [&] {
     Outcome o;
     o.code = LKS_ERR_LOST;
     o.message = "lock " + shown(hold->name) +
-                " was lost while held: its ZooKeeper session expired, so other "
-                "clients may have taken it meanwhile";
+                " was lost while held: its ZooKeeper session expired (out of the ensemble's "
+                "sight for more than " +
+                std::to_string(settings_.session_ms) +
+                " ms), so others may have taken it; writes made under it since were refused";
     return o;
   };
-  const auto deadline = Clock::now() + std::chrono::milliseconds(settings_.timeout_ms);
-  for (;;) {
-    if (hold->session->expired())
+  const auto deadline = Clock::now() + settings_.timeout();
+  hvs::zk::Budget budget(deadline);
+  bool resent = false;
+  for (int attempt = 0; attempt < 16; ++attempt) {
+    if (s.expired())
       return lost();
-    int rc = hold->session->remove(hold->node);
+    int rc = s.remove(hold->node);
     if (rc == ZOK)
       return Outcome::ok();
-    if (rc == ZNONODE || rc == ZSESSIONEXPIRED)
+    if (rc == ZNONODE && !s.expired())
+      // Ours went with the first deletion if its answer was lost; never
+      // sent, somebody else deleted it.
+      return resent ? Outcome::ok() : lost();
+    if (rc == ZNONODE || rc == ZSESSIONEXPIRED || rc == ZINVALIDSTATE)
       return lost();
-    if (!hvs::zk::connection_problem(rc) || Clock::now() >= deadline)
-      return failure(rc, "unlock of " + shown(hold->name) +
-                             " failed (its request goes when the session ends)");
-    // Connection lost, session perhaps still alive: try again shortly.
-    std::this_thread::sleep_for(std::chrono::milliseconds(100));
+    if (rc != ZCONNECTIONLOSS || !s.wait_connected(deadline))
+      break;
+    resent = true;
   }
+  if (s.expired())
+    return lost();
+  // Out of time with the connection down: deleted when it returns, or gone
+  // with the session.
+  s.remove_later(hold->node);
+  Outcome o;
+  o.code = LKS_ERR_SYSTEM;
+  o.message = "unlock of " + shown(hold->name) + " not confirmed: " +
+              hvs::zk::describe(ZCONNECTIONLOSS, settings_) +
+              "; the request is deleted when the connection returns, or with the session";
+  return o;
 }
 
 } // namespace lks
