@@ -67,9 +67,10 @@ long env_ms(const char *name, long fallback) {
 }
 
 struct Limits {
-  int64_t call_ns = env_ms("HVS_ZK_TIMEOUT_MS", 5000) * kMs;
-  int64_t session_ns = env_ms("HVS_ZK_SESSION_MS", 10000) * kMs;
-  int64_t lock_ns = env_ms("LKS_TIMEOUT_MS", 10000) * kMs;
+  // The library's defaults when unset.
+  int64_t call_ns = env_ms("HVS_ZK_TIMEOUT_MS", 8000) * kMs;
+  int64_t session_ns = env_ms("HVS_ZK_SESSION_MS", 6000) * kMs;
+  int64_t lock_ns = env_ms("LKS_TIMEOUT_MS", 20000) * kMs;
 
   // Which limit an operation of the worker has.
   int64_t of(const std::string &op) const {

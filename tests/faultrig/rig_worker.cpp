@@ -15,7 +15,8 @@
 //   rig_worker hold --log F --name N --db D --ready FILE --go FILE [--wait-s S]
 //       Takes the database's lock exclusively, writes the marker, creates
 //       FILE ready, waits for FILE go (at most S seconds), then reads,
-//       writes and reads the marker again and releases.
+//       writes (again while the registry is unreachable) and reads the
+//       marker again and releases.
 //   rig_worker prepare --log F [--dbs sales,hr]
 //       Makes every service's flags whole: enables each service with all
 //       its instances. Exit 0 when every set succeeded.
@@ -327,9 +328,9 @@ public:
   }
 
   // Writes name:pid:seq to the marker; logs "write" with the result.
-  void write_marker(const std::string &db, uint64_t hold) {
+  int32_t write_marker(const std::string &db, uint64_t hold) {
     if (!registry())
-      return;
+      return HVS_ERR_UNREACHABLE;
     const std::string key = marker_of(db);
     const std::string value =
         rig::word(name_) + ":" + std::to_string(getpid()) + ":" + std::to_string(++writes_);
@@ -346,6 +347,7 @@ public:
               " hold=" + std::to_string(hold) + " key=" + key + " val=" + value +
                   " rc=" + std::to_string(rc) + " start=" + std::to_string(t0),
               why);
+    return rc;
   }
 
   std::mt19937 &rng() { return rng_; }
@@ -490,7 +492,10 @@ int hold(const Args &a) {
     sleep_ms(20);
   w.event("go");
   w.read_marker(db, id);
-  w.write_marker(db, id);
+  // As a late writer would: again while the ensemble cannot be reached, so
+  // that the write is made once the connection is back.
+  while (w.write_marker(db, id) == HVS_ERR_UNREACHABLE && rig::now_ns() < end && !g_stop)
+    sleep_ms(250);
   w.read_marker(db, id);
   w.give_back(db, true, id);
   w.shut();
