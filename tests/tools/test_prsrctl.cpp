@@ -5,6 +5,8 @@
 // JSON is parsed and checked, never compared as text.
 #include <gtest/gtest.h>
 
+#include <fstream>
+
 #include <nlohmann/json.hpp>
 
 #include "lks.h"
@@ -160,6 +162,11 @@ TEST_F(Prsrctl, ExitCodesTellFailuresApart) {
   Result r = sh(std::string(PRSRCTL_PATH) + " --registry " + missing + " get enabled -d sales");
   EXPECT_EQ(3, r.status);
   EXPECT_NE(std::string::npos, r.err.find(missing)) << r.err;
+  /* ...and says why it cannot be opened, in the registry client's words. */
+  std::ofstream(dir_.file("junk.db")) << "not a registry at all\n";
+  r = sh(std::string(PRSRCTL_PATH) + " --registry " + dir_.file("junk.db") + " get enabled -d sales");
+  EXPECT_EQ(3, r.status);
+  EXPECT_NE(std::string::npos, r.err.find("file is not a database")) << r.err;
 
   /* A writer kept out by another holder of the database's lock. */
   hvstest::RegistryEnv env(reg_);
