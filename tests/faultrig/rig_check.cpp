@@ -608,16 +608,18 @@ void summary(const Scenario &s, int inconsistent, int explained) {
     std::string what = m->get("what");
     if (what != "fault" && what != "kill")
       continue;
-    std::map<std::string, int64_t> first;
+    std::map<std::string, int64_t> first; // every lock held in the scenario
     for (const auto &h : s.holds)
-      if (h.from > m->t && (!first.count(h.lock) || h.from < first[h.lock]))
+      first.emplace(h.lock, -1);
+    for (const auto &h : s.holds)
+      if (h.from > m->t && (first[h.lock] < 0 || h.from < first[h.lock]))
         first[h.lock] = h.from;
     std::string free;
     for (const auto &[lock, t] : first)
-      free += " " + lock.substr(lock.rfind('.') + 1) + " " + secs(t - m->t);
+      free += " " + lock.substr(lock.rfind('.') + 1) + " " + (t < 0 ? "never" : secs(t - m->t));
     std::printf("  %s %s: lock granted again after:%s\n", what.c_str(),
                 m->get("detail").empty() ? m->get("pid").c_str() : m->get("detail").c_str(),
-                free.empty() ? " never" : free.c_str());
+                free.c_str());
   }
   for (auto &m : s.marks->lines)
     if (m->get("what") == "heal" || m->get("what") == "restart") {
