@@ -55,6 +55,11 @@ long)
 esac
 export HVS_ZK_SESSION_MS HVS_ZK_TIMEOUT_MS LKS_TIMEOUT_MS
 
+scenarios="1-follower-kill 2-leader-kill 3-partition 4-client-cut 5-soak-zk 6-soak-sqlite"
+for pat in "${only[@]}"; do
+  [[ $scenarios == *"$pat"* ]] || { echo "faultrig: no scenario matches $pat ($scenarios)" >&2; exit 2; }
+done
+
 skip() { echo "faultrig: skipped: $*"; exit 77; }
 [[ $(id -u) -eq 0 ]] || skip "needs root for network namespaces"
 command -v ip >/dev/null || skip "no ip command (iproute2)"
@@ -66,6 +71,17 @@ ip netns del "$tag-probe"
 command -v sqlite3 >/dev/null || skip "no sqlite3 command (scripts/setup.sh)"
 for b in "$worker" "$checker" "$hvsctl"; do
   [[ -x $b ]] || { echo "faultrig: $b is missing: build first (cmake --build --preset dev)" >&2; exit 2; }
+done
+
+# Namespaces left by a rig that was killed outright (its clean-up never
+# ran): whatever runs in them was started by that rig.
+for n in $(ip netns list | awk '{print $1}' | grep -E '^prsr-rig-[0-9]+-'); do
+  p=${n#prsr-rig-}
+  p=${p%%-*}
+  kill -0 "$p" 2>/dev/null && continue
+  echo "faultrig: removing $n, left by an earlier run"
+  for q in $(ip netns pids "$n" 2>/dev/null); do kill -9 "$q" 2>/dev/null; done
+  ip netns del "$n" 2>/dev/null
 done
 
 work=$(mktemp -d "${TMPDIR:-/tmp}/prsr-rig.XXXXXX")
