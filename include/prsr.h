@@ -7,9 +7,20 @@
  * through their release operation before the session ends.
  *
  * Every operation returns one of the PRSR_ result codes below. Those values
- * are part of the ABI and never change. Any other value a client sees is the
- * registry client's own code, passed through after a second read of a value
- * (such codes are above 10).
+ * are part of the ABI and never change. Where an operation says "own", a
+ * read that had to retry with a larger buffer and failed again returns the
+ * registry client's own code unchanged: any value, above 10 as a rule, but
+ * the registry client's "buffer too small" (9) can come back this way and
+ * then reads like PRSR_ERR_ROLE. Treat a code you do not expect from an
+ * operation as a failure.
+ *
+ * Environment tables (the "environment" fields) have environment_count
+ * slots; an empty string inside the stored list ends it early, and the
+ * slots after it are NULL, so test each entry before use.
+ *
+ * A session is closed once. Any use of a closed session, prsr_terminate()
+ * included, is undefined, as freeing memory twice is: the session's memory
+ * is gone, and may already belong to a new session.
  *
  * Self-contained; compiles as C11 and as C++.
  */
@@ -158,7 +169,8 @@ PRSR_API int32_t prsr_init(lks_status *status, prsr_ctx **ctx_out);
 PRSR_API int32_t prsr_init_ext(lks_status *status, prsr_ctx **ctx_out,
                                void *lock_handle);
 
-/* Closes a session. Returns 0, or 4 for a NULL or already closed session. */
+/* Closes a session. Returns 0, or 4 for NULL or a pointer that is not a
+ * session. Closing a closed session is undefined (see above). */
 PRSR_API int32_t prsr_terminate(lks_status *status, prsr_ctx *ctx);
 
 /* ---- database configuration ------------------------------------------- */

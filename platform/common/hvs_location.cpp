@@ -2,6 +2,7 @@
 #include "hvs_location.h"
 
 #include <cstdlib>
+#include <filesystem>
 #include <string_view>
 
 namespace hvs {
@@ -12,7 +13,12 @@ constexpr std::string_view kZooKeeper = "zk://";
 constexpr std::string_view kMemory = "mem:";
 constexpr const char *kDefaultZkRoot = "/hvs";
 
+constexpr std::string_view kForms =
+    "sqlite:PATH, a plain file path, zk://HOST:PORT[,HOST:PORT...]/ROOT or mem:NAME";
+
 Location invalid(const std::string &text, std::string why) {
+  if (why.find(kForms) == std::string::npos)
+    why += " (the forms are " + std::string(kForms) + ")";
   Location loc;
   loc.engine = Engine::Invalid;
   loc.text = text;
@@ -70,6 +76,31 @@ std::string check_hosts(std::string_view hosts) {
   return {};
 }
 
+// Why a file path cannot be meant as written, or "" when it can: a typo in
+// a scheme ("zk:/h:p", "sqllite:x", "SQLITE:x") would otherwise become a
+// relative file name, and "~" is not expanded here as a shell would.
+std::string path_problem(std::string_view path) {
+  if (path.empty())
+    return "no file path";
+  if (path.front() == ' ' || path.front() == '\t' || path.back() == ' ' ||
+      path.back() == '\t')
+    return "the path begins or ends with a blank";
+  if (path.front() == '~')
+    return "\"~\" is not expanded here: give the path from /";
+  auto colon = path.find(':');
+  auto slash = path.find('/');
+  if (colon != std::string_view::npos && (slash == std::string_view::npos || colon < slash))
+    return "\"" + std::string(path.substr(0, colon + 1)) + "\" is not a known scheme";
+  return {};
+}
+
+// An SQLite path as messages show it: made absolute, "." and ".." resolved.
+std::string shown_path(const std::string &path) {
+  std::error_code ec;
+  auto abs = std::filesystem::absolute(path, ec);
+  return ec ? path : abs.lexically_normal().string();
+}
+
 } // namespace
 
 Location parse_location(const std::string &text) {
@@ -80,7 +111,9 @@ Location parse_location(const std::string &text) {
     loc.path = std::string(t.substr(kSqlite.size()));
     if (loc.path.empty())
       return invalid(text, "sqlite location without a file path");
-    loc.text = text;
+    if (std::string why = path_problem(loc.path); !why.empty())
+      return invalid(text, "registry location \"" + text + "\": " + why);
+    loc.text = std::string(kSqlite) + shown_path(loc.path);
     return loc;
   }
   if (t.starts_with(kMemory)) {
@@ -116,12 +149,13 @@ Location parse_location(const std::string &text) {
   if (t.empty())
     return invalid(text, "empty registry location");
   if (has_unknown_scheme(t))
-    return invalid(text, "unknown scheme in registry location \"" + text +
-                             "\" (expected sqlite:, zk:// or mem:)");
+    return invalid(text, "unknown scheme in registry location \"" + text + "\"");
+  if (std::string why = path_problem(t); !why.empty())
+    return invalid(text, "registry location \"" + text + "\": " + why);
   // A bare path names an SQLite file.
   loc.engine = Engine::Sqlite;
   loc.path = text;
-  loc.text = std::string(kSqlite) + text;
+  loc.text = std::string(kSqlite) + shown_path(text);
   return loc;
 }
 

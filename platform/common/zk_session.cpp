@@ -6,6 +6,9 @@
 #include <chrono>
 #include <cstdlib>
 #include <cstring>
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
 
 namespace hvs::zk {
 namespace {
@@ -123,8 +126,45 @@ constexpr int kReadAttempts = 16;
 
 } // namespace
 
+namespace {
+
+// Reads the credential; refuses a file that others may read, as a
+// password there would be everybody's.
+void read_auth(Settings &s) {
+  const char *file = std::getenv("HVS_ZK_AUTH_FILE");
+  if (file == nullptr || *file == '\0')
+    return;
+  int fd = ::open(file, O_RDONLY | O_CLOEXEC | O_NOFOLLOW);
+  struct stat st {};
+  if (fd < 0 || ::fstat(fd, &st) != 0) {
+    s.auth_problem = std::string("HVS_ZK_AUTH_FILE ") + file + ": " + std::strerror(errno);
+    if (fd >= 0)
+      ::close(fd);
+    return;
+  }
+  char buf[1024];
+  ssize_t n = (st.st_mode & 0077) ? -1 : ::read(fd, buf, sizeof buf - 1);
+  ::close(fd);
+  if (st.st_mode & 0077) {
+    s.auth_problem = std::string("HVS_ZK_AUTH_FILE ") + file +
+                     ": readable or writable by others (chmod 600 it)";
+    return;
+  }
+  std::string text(buf, n > 0 ? std::size_t(n) : 0);
+  while (!text.empty() && (text.back() == '\n' || text.back() == '\r' || text.back() == ' '))
+    text.pop_back();
+  if (text.find(':') == std::string::npos || text.front() == ':' || text.find('\n') != std::string::npos)
+    s.auth_problem = std::string("HVS_ZK_AUTH_FILE ") + file +
+                     ": expected one line \"user:password\"";
+  else
+    s.auth = std::move(text);
+}
+
+} // namespace
+
 Settings Settings::from_env(const std::string &hosts) {
   Settings s;
+  read_auth(s);
   s.hosts = hosts;
   s.timeout_ms = int(env_number("HVS_ZK_TIMEOUT_MS", 8000, 100, 600000));
   s.session_ms = int(env_number("HVS_ZK_SESSION_MS", 6000, 1000, 600000));
@@ -204,6 +244,10 @@ std::string describe(int rc, const Settings &s) {
            std::to_string(s.session_ms) + " ms)";
   case ZCLOSING:
     return "ZooKeeper client for " + s.hosts + " is closing";
+  case ZNOAUTH:
+    return "not allowed by the access rights of the node on " + s.hosts +
+           (s.auth.empty() ? " (this client gives no credential: set HVS_ZK_AUTH_FILE)"
+                           : " (the credential of HVS_ZK_AUTH_FILE has no rights there)");
   default:
     return std::string("ZooKeeper error: ") + zerror(rc) + " (" +
            std::to_string(rc) + ")";
@@ -248,6 +292,11 @@ void Session::on_event(zhandle_t *, int type, int state, const char *path,
 std::shared_ptr<Session> Session::open(const Settings &s, int &rc,
                                        std::string &why) {
   quiet_client_log();
+  if (!s.auth_problem.empty()) {
+    rc = ZAUTHFAILED;
+    why = s.auth_problem;
+    return nullptr;
+  }
   const Deadline deadline = Budget::current(s.timeout());
   std::shared_ptr<Session> self(new Session(s));
   errno = 0;
@@ -270,7 +319,26 @@ std::shared_ptr<Session> Session::open(const Settings &s, int &rc,
           " answered within " + std::to_string(s.timeout_ms) + " ms";
     return nullptr;
   }
+  lock.unlock();
+  if (!s.auth.empty()) {
+    auto call = std::make_shared<Call>();
+    Holder *ctx = hold(call);
+    int submitted = zoo_add_auth(self->zh_, "digest", s.auth.data(), int(s.auth.size()),
+                                 void_done, ctx);
+    if (submitted != ZOK)
+      delete ctx;
+    rc = finish(submitted, call, deadline);
+    if (rc != ZOK) {
+      why = "ZooKeeper ensemble " + s.hosts + " refused the credential of HVS_ZK_AUTH_FILE (" +
+            zerror(rc) + ")";
+      return nullptr;
+    }
+  }
   return self;
+}
+
+const ACL_vector *Session::acl() const {
+  return settings_.auth.empty() ? &ZOO_OPEN_ACL_UNSAFE : &ZOO_CREATOR_ALL_ACL;
 }
 
 Session::~Session() {
@@ -420,8 +488,7 @@ int Session::create(const std::string &path, const char *data, int len,
   auto call = std::make_shared<Call>();
   int rc;
   HVS_ZK_SUBMIT(call, deadline,
-                zoo_acreate(zh_, path.c_str(), data, len, &ZOO_OPEN_ACL_UNSAFE,
-                            mode, string_done, ctx));
+                zoo_acreate(zh_, path.c_str(), data, len, acl(), mode, string_done, ctx));
   if (rc == ZOK && created != nullptr) {
     std::lock_guard lock(call->mu);
     *created = call->data;

@@ -23,6 +23,12 @@
  *   HVS_ZK_MAX_PACKET   the ensemble's packet limit, jute.maxbuffer
  *                       (default 1048575, ZooKeeper's own default)
  *   HVS_ZK_DEBUG        log level of the C client, 0 (default) to 4
+ *   HVS_ZK_AUTH_FILE    a file holding "user:password": the session
+ *                       authenticates with ZooKeeper's digest scheme, and
+ *                       every node it creates gives all rights to that
+ *                       identity and none to anybody else. The file must
+ *                       not be readable by others. Without it, nodes are
+ *                       open to every client of the ensemble.
  */
 #ifndef HVS_ZK_SESSION_H
 #define HVS_ZK_SESSION_H
@@ -50,6 +56,8 @@ struct Settings {
   int timeout_ms = 8000;      // connection and answer wait
   int session_ms = 6000;      // session timeout asked of the ensemble
   std::size_t max_packet = 1048575;
+  std::string auth;           // "user:password" for the digest scheme, or ""
+  std::string auth_problem;   // why HVS_ZK_AUTH_FILE could not be used
 
   static Settings from_env(const std::string &hosts);
   std::chrono::milliseconds timeout() const {
@@ -98,6 +106,8 @@ public:
   const Settings &settings() const { return settings_; }
   /* Expired (or refused) by the ensemble: open a new one. */
   bool broken() const { return expired_.load(); }
+  /* The rights given to the nodes this session creates. */
+  const ACL_vector *acl() const;
   bool expired() const { return expired_.load(); }
   int64_t id() const;
 

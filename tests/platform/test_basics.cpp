@@ -120,6 +120,30 @@ TEST_F(Trace, LevelFiltersAndLinesHaveOneShape) {
   ASSERT_TRUE(std::regex_match(lines[1], m, shape)) << lines[1];
   EXPECT_EQ(m[1], "-");
   EXPECT_EQ(m[3], "no component"); // the caller's newline is not doubled
+
+  // A sink takes the lines up to its own level as formatted, while the
+  // destination is "none"; what it traces itself does not come back to it.
+  struct Got {
+    uintptr_t comp;
+    std::vector<std::string> texts;
+    int nested = 0;
+  } got{comp, {}};
+  ASSERT_EQ(0, trcsetsink(
+                   [](void *arg, uintptr_t c, int32_t, const char *text) {
+                     auto *g = static_cast<Got *>(arg);
+                     if (c != g->comp)
+                       return;
+                     g->texts.emplace_back(text);
+                     trcprintf(c, 0, "from the sink");
+                     g->nested += trcsetsink(nullptr, nullptr, -1);
+                   },
+                   &got, 1));
+  trcprintf(comp, 1, "to the sink %d\n", 1);
+  trcprintf(comp, 2, "above the sink");
+  EXPECT_EQ(0, trcsetsink(nullptr, nullptr, -1));
+  trcprintf(comp, 0, "after removal");
+  EXPECT_EQ(got.texts, std::vector<std::string>{"to the sink 1"});
+  EXPECT_EQ(got.nested, -1) << "no sink is set from inside the sink";
 }
 
 TEST_F(Trace, LinesOfManyThreadsDoNotInterleave) {

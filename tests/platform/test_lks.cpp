@@ -1,11 +1,17 @@
 // Named-lock service: exclusion across processes and across handles of one
-// process, names of any shape, the status record, and clean-up.
+// process, writers before later readers, the writes made under a lock, names
+// of any shape, the status record, and clean-up.
 #include "lock_env.h"
+#include "lock_holder.h"
 
+#include "hvsadm.h"
+#include "hvsapi.h"
+
+#include <atomic>
 #include <chrono>
-#include <csignal>
+#include <fcntl.h>
 #include <filesystem>
-#include <sys/wait.h>
+#include <mutex>
 #include <thread>
 #include <unistd.h>
 #include <vector>
@@ -15,66 +21,68 @@ namespace fs = std::filesystem;
 
 namespace {
 
-// A child process that takes one lock and holds it until told to go.
-class Holder {
-public:
-  Holder(const char *name, bool shared) {
-    int up[2], down[2];
-    if (pipe(up) != 0 || pipe(down) != 0)
-      std::abort();
-    pid_ = fork();
-    if (pid_ == 0) {
-      close(up[0]);
-      close(down[1]);
-      lks_status st = fresh_status();
-      void *h = nullptr;
-      if (open_handle(&h, &st) != LKS_OK)
-        _exit(2);
-      int32_t rc = shared ? lksshrlock(&st, h, name) : lksmutexlock(&st, h, name);
-      char c = rc == LKS_OK ? 'y' : 'n';
-      if (write(up[1], &c, 1) != 1 || rc != LKS_OK)
-        _exit(3);
-      if (read(down[0], &c, 1) != 1) // parent gone or told us to go
-        _exit(4);
-      _exit(lksunlock(&st, h, name) == LKS_OK && lkssterm(&st, h) == LKS_OK ? 0 : 5);
-    }
-    close(up[1]);
-    close(down[0]);
-    char c = 0;
-    granted_ = read(up[0], &c, 1) == 1 && c == 'y';
-    close(up[0]);
-    go_ = down[1];
-  }
-  ~Holder() {
-    if (pid_ > 0)
-      kill_hard();
-  }
-  bool granted() const { return granted_; }
-  // Lets the child release and exit; its exit status.
-  int release() {
-    char c = 'g';
-    EXPECT_EQ(write(go_, &c, 1), 1);
-    return reap();
-  }
-  void kill_hard() {
-    kill(pid_, SIGKILL);
-    reap();
-  }
-
-private:
-  int reap() {
-    int status = 0;
-    waitpid(pid_, &status, 0);
-    pid_ = -1;
-    close(go_);
-    return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
-  }
-  pid_t pid_ = -1;
-  int go_ = -1;
-  bool granted_ = false;
-};
+using Holder = LockHolder; // another process, exec'd
 
 const char *kName = "FLTM.DATABASE.DATABASES.sales";
+const char *kEnabled = "DATABASE.DATABASES.sales.ENABLED";
+const char *kRole = "DATABASE.DATABASES.sales.ROLE";
+
+// The registry of the test, with the two keys the lock kName covers.
+void make_registry() {
+  void *adm = nullptr;
+  uint64_t len = 0;
+  ASSERT_EQ(hvsadm_open(&adm, 1, nullptr, &len), HVS_OK);
+  for (const char *k : {"DATABASE", "DATABASE.DATABASES", "DATABASE.DATABASES.sales"})
+    ASSERT_EQ(hvsadm_create_key(adm, k, 0, nullptr, 0), HVS_OK);
+  ASSERT_EQ(hvsadm_create_key(adm, kEnabled, 1, "true", 5), HVS_OK);
+  ASSERT_EQ(hvsadm_create_key(adm, kRole, 1, "PRIMARY", 8), HVS_OK);
+  hvsapi_terminate(adm);
+}
+
+void *open_registry() {
+  void *h = nullptr;
+  uint64_t len = 0;
+  EXPECT_EQ(hvsapi_init_ext(&h, 3, nullptr, &len, 0), HVS_OK);
+  return h;
+}
+
+std::string read_text(void *hvs, const char *key) {
+  void *k = nullptr;
+  if (hvsapi_open_key(hvs, &k, key) != HVS_OK)
+    return "(no key)";
+  char buf[64] = "";
+  uint32_t type = 0, len = sizeof buf - 1;
+  int32_t rc = hvsapi_get_value(hvs, k, &type, buf, &len);
+  hvsapi_close_key(hvs, k);
+  return rc == HVS_OK ? buf : "(unreadable)";
+}
+
+int32_t write_text(void *hvs, const char *key, const std::string &value) {
+  void *k = nullptr;
+  int32_t rc = hvsapi_open_key(hvs, &k, key);
+  if (rc != HVS_OK)
+    return rc;
+  rc = hvsapi_set_value(hvs, k, HVS_TYPE_TEXT, value.c_str(), uint32_t(value.size() + 1));
+  hvsapi_close_key(hvs, k);
+  return rc;
+}
+
+// The lock file of kName shows a writer waiting for it (file_lock_engine.cpp:
+// a lock on its byte 0 that a writer posts while it waits).
+bool writer_waits(const std::string &lock_dir) {
+  for (const auto &e : fs::directory_iterator(lock_dir)) {
+    int fd = ::open(e.path().c_str(), O_RDONLY | O_CLOEXEC);
+    struct flock fl {};
+    fl.l_type = F_WRLCK;
+    fl.l_len = 1;
+    bool waits = fd >= 0 && fcntl(fd, F_OFD_GETLK, &fl) == 0 && fl.l_type != F_UNLCK;
+    if (fd >= 0)
+      ::close(fd);
+    if (waits)
+      return true;
+  }
+  return false;
+}
 
 } // namespace
 
@@ -99,16 +107,6 @@ TEST_F(LockTest, ExclusiveHolderInAnotherProcessBlocksEveryModeUntilReleased) {
   term_ok(h);
 }
 
-TEST_F(LockTest, HolderKilledReleasesItsLocks) {
-  void *h = open();
-  Holder child(kName, false);
-  ASSERT_TRUE(child.granted());
-  EXPECT_EQ(try_lock(h, kName, false).code, LKS_ERR_TIMEOUT);
-  child.kill_hard();
-  EXPECT_EQ(try_lock(h, kName, false).code, LKS_OK);
-  term_ok(h);
-}
-
 TEST_F(LockTest, SharedHoldersGoTogetherAndKeepWritersOut) {
   Holder reader(kName, true);
   ASSERT_TRUE(reader.granted());
@@ -124,6 +122,149 @@ TEST_F(LockTest, SharedHoldersGoTogetherAndKeepWritersOut) {
   unlock_ok(h2, kName);
   term_ok(h1);
   term_ok(h2);
+}
+
+// Readers that hold the lock by turns, never all letting go at once, do not
+// keep a writer out: it waits for those in when it came, and no reader that
+// came after it gets in before it.
+TEST_F(LockTest, WriterGoesBeforeReadersThatCameAfterIt) {
+  setenv("LKS_TIMEOUT_MS", "10000", 1);
+  std::atomic<long> clock{0}; // orders the events of all threads
+  struct Read {
+    long came, got;
+  };
+  std::mutex mu;
+  std::vector<Read> reads;
+  std::atomic<bool> stop{false};
+  std::vector<std::thread> readers;
+  for (int i = 0; i < 4; ++i)
+    readers.emplace_back([&, i] {
+      void *h = open();
+      std::this_thread::sleep_for(std::chrono::milliseconds(12 * i));
+      for (int n = 0; n < 500 && !stop; ++n) {
+        long came = clock++;
+        if (try_lock(h, kName, true).code != LKS_OK)
+          break;
+        long got = clock++;
+        std::this_thread::sleep_for(std::chrono::milliseconds(50));
+        unlock_ok(h, kName);
+        std::lock_guard lock(mu);
+        reads.push_back({came, got});
+      }
+      term_ok(h);
+    });
+  auto done_reads = [&] {
+    std::lock_guard lock(mu);
+    return reads.size();
+  };
+  for (int i = 0; i < 500 && done_reads() < 8; ++i)
+    std::this_thread::sleep_for(std::chrono::milliseconds(10));
+
+  void *w = open();
+  Attempt a{};
+  std::atomic<long> got{-1};
+  std::thread writer([&] {
+    a = try_lock(w, kName, false);
+    got = clock++;
+    std::this_thread::sleep_for(std::chrono::milliseconds(10));
+    if (a.code == LKS_OK)
+      unlock_ok(w, kName);
+  });
+  for (int i = 0; i < 5000 && !writer_waits(dir_ + "/reg.db.locks") && got < 0; ++i)
+    std::this_thread::sleep_for(std::chrono::microseconds(200));
+  long waiting = clock++;
+  writer.join();
+  stop = true;
+  for (auto &t : readers)
+    t.join();
+  term_ok(w);
+
+  ASSERT_EQ(a.code, LKS_OK) << a.text;
+  ASSERT_LT(waiting, got) << "the writer was not seen waiting";
+  size_t later = 0;
+  for (const Read &r : reads)
+    if (r.came > waiting) {
+      ++later;
+      EXPECT_GT(r.got, got) << "a reader that came after the writer got in first";
+    }
+  EXPECT_GT(later, 0u);
+}
+
+// The writes made under an exclusive lock land together when it is given
+// back, and not at all when its holder dies first.
+TEST_F(LockTest, WritesUnderAnExclusiveLockLandTogetherAtItsRelease) {
+  make_registry();
+  void *reader = open_registry();
+  const std::vector<std::string> writes = {std::string(kEnabled) + "=false",
+                                           std::string(kRole) + "=STANDBY"};
+  {
+    Holder dies(kName, false, -1, writes);
+    ASSERT_TRUE(dies.granted());
+    EXPECT_EQ(read_text(reader, kEnabled), "true");
+    dies.kill_hard();
+  }
+  EXPECT_EQ(read_text(reader, kEnabled), "true");
+  EXPECT_EQ(read_text(reader, kRole), "PRIMARY");
+  void *h = open();
+  EXPECT_EQ(try_lock(h, kName, false).code, LKS_OK); // the dead holder's lock is free
+  unlock_ok(h, kName);
+  term_ok(h);
+
+  Holder lives(kName, false, -1, writes);
+  ASSERT_TRUE(lives.granted());
+  EXPECT_EQ(read_text(reader, kRole), "PRIMARY");
+  EXPECT_EQ(lives.release(), 0);
+  EXPECT_EQ(read_text(reader, kEnabled), "false");
+  EXPECT_EQ(read_text(reader, kRole), "STANDBY");
+  hvsapi_terminate(reader);
+}
+
+// Within one process: the writing handle reads its own writes at once,
+// other handles at the release; a shared lock's write lands at once;
+// another thread's write on the handle waits for the release; a handle
+// terminated under the lock commits then; an explicit transaction of the
+// handle takes the writes in.
+TEST_F(LockTest, WritesUnderALockFromOneProcess) {
+  make_registry();
+  void *lk = open();
+  void *a = open_registry();
+  void *b = open_registry();
+
+  ASSERT_EQ(try_lock(lk, kName, true).code, LKS_OK);
+  ASSERT_EQ(write_text(a, kEnabled, "shared"), HVS_OK);
+  EXPECT_EQ(read_text(b, kEnabled), "shared");
+  unlock_ok(lk, kName);
+
+  ASSERT_EQ(try_lock(lk, kName, false).code, LKS_OK);
+  ASSERT_EQ(write_text(a, kEnabled, "one"), HVS_OK);
+  EXPECT_EQ(read_text(a, kEnabled), "one");
+  EXPECT_EQ(read_text(b, kEnabled), "shared");
+  std::atomic<bool> other_wrote{false};
+  std::thread other([&] {
+    EXPECT_EQ(write_text(a, kRole, "other"), HVS_OK);
+    other_wrote = true;
+  });
+  std::this_thread::sleep_for(std::chrono::milliseconds(100));
+  EXPECT_FALSE(other_wrote);
+  unlock_ok(lk, kName);
+  other.join();
+  EXPECT_EQ(read_text(b, kEnabled), "one");
+  EXPECT_EQ(read_text(b, kRole), "other");
+
+  ASSERT_EQ(try_lock(lk, kName, false).code, LKS_OK);
+  ASSERT_EQ(write_text(a, kEnabled, "two"), HVS_OK);
+  EXPECT_EQ(hvsapi_terminate(a), HVS_OK);
+  EXPECT_EQ(read_text(b, kEnabled), "two");
+  unlock_ok(lk, kName);
+
+  ASSERT_EQ(try_lock(lk, kName, false).code, LKS_OK);
+  ASSERT_EQ(hvsadm_begin(b), HVS_OK);
+  ASSERT_EQ(write_text(b, kEnabled, "three"), HVS_OK);
+  ASSERT_EQ(hvsadm_rollback(b), HVS_OK);
+  EXPECT_EQ(read_text(b, kEnabled), "two");
+  unlock_ok(lk, kName);
+  hvsapi_terminate(b);
+  term_ok(lk);
 }
 
 TEST_F(LockTest, TwoHandlesOfOneProcessExcludeEachOther) {

@@ -98,6 +98,10 @@ TEST_F(Hvsctl, BadFilesAreRefusedWithTheirLine) {
       {"  {\"key\": \"A.B\", \"value\": [\"a\", \"\"]}\n]}",
        "3: key \"A.B\": multi-string holds an empty string"},
       {"  {\"key\": \"A.B\", \"value\": 7}\n]}", "3: key \"A.B\": value must be"},
+      // JSON readers disagree on which of two members counts
+      {"  {\"key\": \"A.B\"},\n  {\"key\": \"A.C\", \"value\": \"x\", \"value\": \"y\"}\n]}",
+       "4: member \"value\" is given twice"},
+      {"  {\"key\": \"A.B\"}\n],\n\"keys\": []}", "5: member \"keys\" is given twice"},
   };
   for (const auto &c : cases) {
     spit(file("bad.json"), head + c.body);

@@ -3,6 +3,8 @@
 
 #include <cstdlib>
 #include <optional>
+#include <string_view>
+#include <filesystem>
 
 #include "hvs_location.h"
 
@@ -22,7 +24,7 @@ TEST(Location, ParsesEachScheme) {
        "sqlite:/var/lib/reg.db"},
       {"/var/lib/reg.db", Engine::Sqlite, "/var/lib/reg.db", "",
        "sqlite:/var/lib/reg.db"},
-      {"rel/reg.db", Engine::Sqlite, "rel/reg.db", "", "sqlite:rel/reg.db"},
+      {"rel/../reg.db", Engine::Sqlite, "rel/../reg.db", "", ""}, // shown from /
       {"mem:unit", Engine::Memory, "unit", "", "mem:unit"},
       {"zk://10.0.0.1:2181", Engine::ZooKeeper, "10.0.0.1:2181", "/hvs",
        "zk://10.0.0.1:2181"},
@@ -35,7 +37,10 @@ TEST(Location, ParsesEachScheme) {
     EXPECT_EQ(c.engine, loc.engine) << c.text << ": " << loc.error;
     EXPECT_EQ(c.path, loc.path) << c.text;
     EXPECT_EQ(c.root, loc.root) << c.text;
-    EXPECT_EQ(c.shown, loc.text) << c.text;
+    if (*c.shown)
+      EXPECT_EQ(c.shown, loc.text) << c.text;
+    else
+      EXPECT_EQ("sqlite:" + std::filesystem::current_path().string() + "/reg.db", loc.text);
   }
 }
 
@@ -43,10 +48,14 @@ TEST(Location, RejectsMalformedOnes) {
   for (const char *text : {"", "sqlite:", "mem:", "zk://", "zk://host",
                            "zk://host:", "zk://host:0", "zk://host:65536",
                            "zk://h:1,,g:2", "zk://h:1//x", "zk://h:x1",
-                           "http://example.com/reg"}) {
+                           "http://example.com/reg",
+                           // typos that would otherwise name a relative file
+                           "zk:/127.0.0.1:2181/hvs", "sqllite:/x.db", "SQLITE:/x.db",
+                           " /x.db", "~/x.db", "sqlite:~/x.db", "sqlite: /x.db"}) {
     auto loc = hvs::parse_location(text);
     EXPECT_EQ(Engine::Invalid, loc.engine) << text;
     EXPECT_FALSE(loc.error.empty()) << text;
+    EXPECT_NE(std::string::npos, loc.error.find("sqlite:PATH")) << loc.error;
   }
 }
 
@@ -83,13 +92,14 @@ TEST(Location, ResolvesInOrderOfPrecedence) {
       {"mem:x", "/home/u", "mem:x"},
       {"", "/home/u", "sqlite:/home/u/.hvs/registry.db"},
       {std::nullopt, "/home/u", "sqlite:/home/u/.hvs/registry.db"},
-      {std::nullopt, std::nullopt, "sqlite:./hvs-registry.db"},
-      {std::nullopt, "", "sqlite:./hvs-registry.db"},
+      {std::nullopt, std::nullopt, nullptr},
+      {std::nullopt, "", nullptr},
   };
   for (const auto &c : cases) {
     EnvVar reg("HVS_REGISTRY", c.registry);
     EnvVar home("HOME", c.home);
-    EXPECT_EQ(c.expected, hvs::resolve_location().text);
+    const std::string here = "sqlite:" + std::filesystem::current_path().string() + "/hvs-registry.db";
+    EXPECT_EQ(c.expected ? c.expected : here, hvs::resolve_location().text);
   }
 }
 

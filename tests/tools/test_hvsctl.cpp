@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <fstream>
 #include <map>
 
 #include <nlohmann/json.hpp>
@@ -245,6 +246,20 @@ TEST_F(HvsctlTool, BackupAndRestoreRoundTrip) {
   EXPECT_EQ(0, run("restore " SAMPLE_CLUSTER).status);
   EXPECT_EQ(0, run("check").status);
 
+  // A problem in a backup is told at its line of the file as it stands.
+  {
+    std::string text = slurp(file("backup.json"));
+    size_t at = text.find("\"DATABASE.DATABASES.hr\"");
+    ASSERT_NE(std::string::npos, at);
+    text.replace(at, 23, "\"DATABASE..DATABASES.hr\"");
+    size_t line = 1 + size_t(std::count(text.begin(), text.begin() + long(at), '\n'));
+    std::ofstream(file("badline.json")) << text;
+    Result bad = run("restore " + file("badline.json"));
+    EXPECT_EQ(2, bad.status);
+    EXPECT_NE(std::string::npos, bad.err.find("badline.json:" + std::to_string(line) + ": "))
+        << bad.err;
+  }
+
   // A backup that lost a key, or whose keys come out of order, changes
   // nothing.
   json cut = backup;
@@ -256,6 +271,37 @@ TEST_F(HvsctlTool, BackupAndRestoreRoundTrip) {
   write("reordered.json", reordered);
   EXPECT_EQ(2, run("restore " + file("reordered.json")).status);
   EXPECT_EQ(0, run("diff " SAMPLE_CLUSTER " --live").status);
+}
+
+// Registry names and values are bytes: those that are not UTF-8 come out
+// of every command and form (as {"hex": ...} in JSON), and an export reads
+// back to the same registry.
+TEST_F(HvsctlTool, BytesThatAreNotUtf8ComeOutOfEveryCommand) {
+  ASSERT_EQ(0, run("set DATABASE.DATABASES.sales.DOMAIN --hex 6578ff00").status);
+  write("odd.json", {{"format", "hvs-registry"}, {"version", 1},
+                     {"keys", {{{"key", {{"hex", "44415441424153452e4441544142415345532e78ff79"}}},
+                                {"value", {{"hex", "58ff00"}}}}}}});
+  ASSERT_EQ(0, run("import " + file("odd.json")).status);
+
+  ASSERT_EQ(0, run("backup " + file("b.json")).status);
+  json meta = json::parse(slurp(file("b.json")))["backup"];
+  EXPECT_TRUE(std::find(meta["databases"].begin(), meta["databases"].end(),
+                        json({{"hex", "78ff79"}})) != meta["databases"].end())
+      << meta.dump();
+  Result check = run("check --json");
+  EXPECT_LT(check.status, 128) << check.err;
+  EXPECT_TRUE(json::accept(check.out)) << check.out;
+  ASSERT_EQ(0, run("export -o " + file("e.json")).status);
+  ASSERT_EQ(0, run("set DATABASE.DATABASES.sales.DOMAIN --hex 78ff00").status);
+  Result diff = run("diff --json " + file("e.json") + " --live");
+  EXPECT_EQ(5, diff.status) << diff.err;
+  json changes = json::parse(diff.out);
+  EXPECT_NE(std::string::npos, changes.dump().find("6578ff00")) << diff.out;
+
+  reg_ = "sqlite:" + file("copy.db");
+  ASSERT_EQ(0, run("import " + file("e.json")).status);
+  ASSERT_EQ(0, run("export -o " + file("e2.json")).status);
+  EXPECT_EQ(slurp(file("e.json")), slurp(file("e2.json")));
 }
 
 TEST_F(HvsctlTool, RestoreWaitsForAWritersLockAndGivesUp) {

@@ -1,8 +1,11 @@
 // prsrctl end to end on the sample cluster in a fresh SQLite registry: every
 // command family in readable and JSON form, and the exit codes that tell
-// success, not found, bad argument, lock refused and registry failure apart.
+// success, not found, bad argument, lock refused, registry failure and a
+// partly written change apart.
 // JSON is parsed and checked, never compared as text.
 #include <gtest/gtest.h>
+
+#include <fstream>
 
 #include <nlohmann/json.hpp>
 
@@ -123,6 +126,14 @@ TEST_F(Prsrctl, LookupsAnswerWithNamesAsSpelled) {
   EXPECT_EQ(true, run_json("get supported -d sales -s sales.east -i sales1")["supported"]);
 }
 
+TEST_F(Prsrctl, ValuesThatAreNotUtf8ComeOutInJson) {
+  ASSERT_EQ(0, sh(std::string(HVSCTL_PATH) + " --registry " + reg_ +
+                  " set DATABASE.DATABASES.sales.DOMAIN --hex 6578ff00")
+                   .status);
+  json doc = run_json("get domain -d sales");
+  EXPECT_NE(std::string::npos, doc.dump().find("{\"hex\":\"6578ff\"}")) << doc.dump();
+}
+
 TEST_F(Prsrctl, ExitCodesTellFailuresApart) {
   struct Case {
     std::string args;
@@ -151,6 +162,11 @@ TEST_F(Prsrctl, ExitCodesTellFailuresApart) {
   Result r = sh(std::string(PRSRCTL_PATH) + " --registry " + missing + " get enabled -d sales");
   EXPECT_EQ(3, r.status);
   EXPECT_NE(std::string::npos, r.err.find(missing)) << r.err;
+  /* ...and says why it cannot be opened, in the registry client's words. */
+  std::ofstream(dir_.file("junk.db")) << "not a registry at all\n";
+  r = sh(std::string(PRSRCTL_PATH) + " --registry " + dir_.file("junk.db") + " get enabled -d sales");
+  EXPECT_EQ(3, r.status);
+  EXPECT_NE(std::string::npos, r.err.find("file is not a database")) << r.err;
 
   /* A writer kept out by another holder of the database's lock. */
   hvstest::RegistryEnv env(reg_);
@@ -162,6 +178,29 @@ TEST_F(Prsrctl, ExitCodesTellFailuresApart) {
   EXPECT_EQ(0, run("get enabled -d sales").status) << "reads take no lock";
   lock.release();
   EXPECT_EQ(true, run_json("get enabled -d sales")["enabled"]) << "the refused write left nothing";
+}
+
+TEST_F(Prsrctl, AWriteNeverPassesForDoneOverAKeyItCouldNotWrite) {
+  auto drop = [this](const std::string &key) {
+    ASSERT_EQ(0,
+              sh(std::string(HVSCTL_PATH) + " --registry " + reg_ + " delete '" + key + "'").status);
+  };
+  /* The service's own flag is gone: the library writes its instances all
+   * the same and returns success. */
+  const std::string flag = "DATABASE.DATABASES.hr.SERVICE.hrapp.ENABLED";
+  drop(flag);
+  Result r = run("--json disable service -d hr -s hrapp");
+  EXPECT_EQ(9, r.status) << r.err;
+  EXPECT_NE(std::string::npos, r.err.find("not written: " + flag + ": ")) << r.err;
+  EXPECT_TRUE(r.out.empty()) << "no success document: " << r.out;
+  EXPECT_EQ(false, run_json("get enabled -d hr -s hrapp -i hr2")["enabled"]);
+
+  /* A write that stops at the key keeps its exit code and names the key. */
+  const std::string inst = "DATABASE.DATABASES.sales.SERVICE.sales*east.INSTANCES.sales2.ENABLED";
+  drop(inst);
+  r = run("disable service -d sales -s sales.east");
+  EXPECT_EQ(3, r.status) << r.err;
+  EXPECT_NE(std::string::npos, r.err.find("not written: " + inst + ": ")) << r.err;
 }
 
 TEST_F(Prsrctl, VerboseShowsTheLibrarysTrace) {

@@ -8,11 +8,15 @@
 
 #include "hvsadm.h"
 #include "lks.h"
+#include "zk_session.h"
+
+#include <sys/stat.h>
 
 #include <algorithm>
 #include <cstdio>
 #include <cstring>
 #include <filesystem>
+#include <fstream>
 #include <string>
 #include <thread>
 #include <vector>
@@ -204,6 +208,68 @@ std::string value_of(void *h, const char *name) {
   hvsapi_close_key(h, key);
   return rc == HVS_OK ? "= " + std::string(buf, len && buf[len - 1] == '\0' ? len - 1 : len)
                       : "- " + std::to_string(rc);
+}
+
+// With a credential, the registry and its locks belong to its identity: a
+// client without it can neither read nor write anything, through the
+// registry client or directly on the ensemble; a credential file that
+// others can read is refused.
+TEST(ZooKeeperAccess, ProtectedRegistryIsClosedToClientsWithoutTheCredential) {
+  ZK_REQUIRED();
+  hvstest::TempDir dir;
+  const std::string cred = dir.file("zk.cred");
+  std::ofstream(cred) << "prsr:s3cret\n";
+  ::chmod(cred.c_str(), 0644);
+  const std::string loc = fresh_location("access");
+  const std::string root = loc.substr(loc.find('/', 5));
+  setenv("HVS_REGISTRY", loc.c_str(), 1);
+  setenv("HVS_ZK_AUTH_FILE", cred.c_str(), 1);
+  void *adm = nullptr;
+  char msg[512] = "";
+  uint64_t len = sizeof msg;
+  EXPECT_NE(HVS_OK, hvsadm_open(&adm, 1, msg, &len));
+  EXPECT_NE(std::string::npos, std::string(msg).find("readable or writable by others")) << msg;
+
+  ::chmod(cred.c_str(), 0600);
+  len = sizeof msg;
+  ASSERT_EQ(HVS_OK, hvsadm_open(&adm, 1, msg, &len)) << msg;
+  ASSERT_EQ(HVS_OK, hvsadm_create_key(adm, "K", 1, "v", 2));
+  lks_status st{};
+  void *locks = nullptr;
+  ASSERT_EQ(LKS_OK, hvstest::open_locks(&st, &locks)) << lks_status_text(&st);
+  ASSERT_EQ(LKS_OK, lksmutexlock(&st, locks, "FLTM.K")) << lks_status_text(&st);
+
+  // Without the credential: the client cannot even open the registry...
+  unsetenv("HVS_ZK_AUTH_FILE");
+  void *stranger = nullptr;
+  len = sizeof msg;
+  EXPECT_NE(HVS_OK, hvsadm_open(&stranger, 0, msg, &len));
+  EXPECT_NE(std::string::npos, std::string(msg).find("HVS_ZK_AUTH_FILE")) << msg;
+  // ...nor, on the ensemble itself, read, write, create or delete a key or
+  // a lock request.
+  int zrc = 0;
+  std::string why;
+  auto raw = hvs::zk::Session::open(hvs::zk::Settings::from_env(zktest::ensemble()), zrc, why);
+  ASSERT_TRUE(raw) << why;
+  std::string data;
+  bool null = false;
+  std::vector<std::string> kids;
+  EXPECT_EQ(ZNOAUTH, raw->get(root + "/keys/K", data, null));
+  EXPECT_EQ(ZNOAUTH, raw->children(root + "/locks", kids));
+  EXPECT_EQ(ZNOAUTH, raw->set(root + "/keys/K", "x", 1));
+  EXPECT_EQ(ZNOAUTH, raw->create(root + "/keys/L", nullptr, -1, 0));
+  EXPECT_EQ(ZNOAUTH, raw->remove(root + "/keys/K"));
+  EXPECT_EQ(ZNOAUTH, raw->create(root + "/locks/" + hvs::zk::encode("FLTM.K") + "/write-x-", nullptr, -1,
+                                 ZOO_EPHEMERAL_SEQUENTIAL));
+  raw.reset();
+
+  setenv("HVS_ZK_AUTH_FILE", cred.c_str(), 1);
+  EXPECT_EQ(LKS_OK, lksunlock(&st, locks, "FLTM.K")) << lks_status_text(&st);
+  lkssterm(&st, locks);
+  hvsadm_delete_key(adm, "", 1);
+  hvsapi_terminate(adm);
+  for (const char *e : {"HVS_REGISTRY", "HVS_ZK_AUTH_FILE"})
+    unsetenv(e);
 }
 
 // An ensemble that goes away: calls fail, quickly and saying why, and work

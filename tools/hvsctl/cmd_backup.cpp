@@ -10,7 +10,10 @@
 #include <fmt/format.h>
 #include <nlohmann/json.hpp>
 
+#include "../common/json_text.h"
+
 #include "command.h"
+#include "registry_file.h"
 #include "hvs/backend.h"
 #include "hvsadm.h"
 #include "lks.h"
@@ -18,7 +21,7 @@
 namespace hvsctl {
 namespace {
 
-constexpr const char *kBackupFormat = "hvs-backup";
+constexpr const char *kBackupFormat = kBackupFormatName;
 
 std::string now_utc() {
   std::time_t t = std::time(nullptr);
@@ -68,7 +71,7 @@ int do_backup(const std::string &file) {
       {"databases", std::vector<std::string>(dbs.begin(), dbs.end())},
   };
   std::string text =
-      render_file(tree, kBackupFormat, "\"backup\": " + meta.dump());
+      render_file(tree, kBackupFormat, "\"backup\": " + tools::dump_safe(meta));
   if (int rc = write_atomically(file, text))
     return rc;
   fmt::print("backed up {} keys of {} to {}\n", tree.size(), c.location(),

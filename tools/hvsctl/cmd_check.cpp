@@ -9,6 +9,8 @@
 #include <fmt/format.h>
 #include <nlohmann/json.hpp>
 
+#include "../common/json_text.h"
+
 #include "command.h"
 #include "hvs/backend.h"
 
@@ -365,7 +367,7 @@ int do_check(const std::string &file, bool json) {
                           {"findings", nlohmann::json::array()}};
     for (const auto &f : found)
       doc["findings"].push_back({{"key", f.key}, {"problem", f.problem}});
-    fmt::print("{}\n", doc.dump(2));
+    fmt::print("{}\n", tools::dump_safe(doc, 2));
   } else {
     for (const auto &f : found)
       fmt::print("{}: {}\n", f.key, f.problem);

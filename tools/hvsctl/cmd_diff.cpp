@@ -5,6 +5,8 @@
 #include <fmt/format.h>
 #include <nlohmann/json.hpp>
 
+#include "../common/json_text.h"
+
 #include "command.h"
 #include "registry_file.h"
 
@@ -90,7 +92,7 @@ int do_diff(std::string a, std::string b, bool live, bool json) {
 
   if (json) {
     nlohmann::json doc = {{"a", la}, {"b", lb}, {"changes", changes}};
-    fmt::print("{}\n", doc.dump(2));
+    fmt::print("{}\n", tools::dump_safe(doc, 2));
   } else {
     if (!lines.empty())
       fmt::print("--- {}\n+++ {}\n", la, lb);

@@ -160,26 +160,14 @@ int load_file(const std::string &path, Tree &out, std::string *meta) {
   }
   if (meta != nullptr)
     meta->clear();
-  // A backup is an export with a "backup" member and its own format name;
-  // its keys are checked by the same reader as an export's.
-  nlohmann::json doc = nlohmann::json::parse(text, nullptr, false);
-  if (doc.is_object() && doc.value("format", "") == "hvs-backup") {
-    if (!doc.contains("backup") || !doc["backup"].is_object()) {
-      fmt::print(stderr, "{}:1: backup without its \"backup\" member\n", path);
-      return kInput;
-    }
-    if (meta != nullptr)
-      *meta = doc["backup"].dump();
-    doc.erase("backup");
-    doc["format"] = kFormatName;
-    text = doc.dump(1);
-  }
   std::vector<FileKey> keys;
-  std::string error;
-  if (!parse_registry_file(path, text, keys, error)) {
+  std::string error, backup;
+  if (!parse_registry_file(path, text, keys, error, &backup)) {
     fmt::print(stderr, "{}\n", error);
     return kInput;
   }
+  if (meta != nullptr)
+    *meta = std::move(backup);
   out.clear();
   out.reserve(keys.size());
   for (auto &k : keys)

@@ -2,53 +2,19 @@
 
 #include <algorithm>
 #include <map>
+#include <set>
 
 #include <fmt/format.h>
 #include <nlohmann/json.hpp>
 
 #include "hvs/backend.h"
+#include "../common/json_text.h"
 
 namespace hvsctl {
 
 using nlohmann::json;
 
-bool valid_utf8(std::string_view s) {
-  size_t i = 0;
-  while (i < s.size()) {
-    auto c = static_cast<unsigned char>(s[i]);
-    size_t n;
-    uint32_t cp;
-    if (c < 0x80) {
-      ++i;
-      continue;
-    } else if ((c & 0xe0) == 0xc0) {
-      n = 1;
-      cp = c & 0x1f;
-    } else if ((c & 0xf0) == 0xe0) {
-      n = 2;
-      cp = c & 0x0f;
-    } else if ((c & 0xf8) == 0xf0) {
-      n = 3;
-      cp = c & 0x07;
-    } else {
-      return false;
-    }
-    if (i + n >= s.size()) // truncated sequence
-      return false;
-    for (size_t k = 1; k <= n; ++k) {
-      auto d = static_cast<unsigned char>(s[i + k]);
-      if ((d & 0xc0) != 0x80)
-        return false;
-      cp = (cp << 6) | (d & 0x3f);
-    }
-    // No overlong forms, no surrogates, nothing above U+10FFFF.
-    static constexpr uint32_t kMin[] = {0, 0x80, 0x800, 0x10000};
-    if (cp < kMin[n] || cp > 0x10ffff || (cp >= 0xd800 && cp <= 0xdfff))
-      return false;
-    i += n + 1;
-  }
-  return true;
-}
+bool valid_utf8(std::string_view s) { return tools::valid_utf8(s); }
 
 size_t line_of(std::string_view text, size_t offset) {
   offset = std::min(offset, text.size());
@@ -77,17 +43,7 @@ bool split_multi(std::string_view bytes, std::vector<std::string_view> &out) {
   return !out.empty();
 }
 
-std::string to_hex(std::string_view bytes) {
-  static constexpr char kDigits[] = "0123456789abcdef";
-  std::string out;
-  out.reserve(bytes.size() * 2);
-  for (char c : bytes) {
-    auto b = static_cast<unsigned char>(c);
-    out += kDigits[b >> 4];
-    out += kDigits[b & 15];
-  }
-  return out;
-}
+using tools::to_hex;
 
 bool from_hex(std::string_view hex, std::string &out) {
   auto digit = [](char c) -> int {
@@ -121,11 +77,12 @@ std::string text_of(std::string_view bytes) {
 
 // Finds the 1-based line of each key object: the next "key" member name
 // after the previous one. The export format writes one object per line, and
-// any layout works as long as "key" is not spelt with escapes.
+// any layout works as long as "key" is not spelt with escapes. Lines are
+// counted as the search moves on, so a file is read in linear time.
 class KeyLocator {
 public:
   KeyLocator(std::string_view text, size_t start)
-      : text_(text), cursor_(start) {}
+      : text_(text), cursor_(start), counted_to_(0), line_(1) {}
 
   size_t next() {
     for (;;) {
@@ -137,7 +94,10 @@ public:
         continue;
       size_t p = text_.find_first_not_of(" \t\r\n", cursor_);
       if (p != std::string_view::npos && text_[p] == ':') {
-        last_line_ = line_of(text_, at);
+        line_ += size_t(std::count(text_.begin() + long(counted_to_),
+                                   text_.begin() + long(at), '\n'));
+        counted_to_ = at;
+        last_line_ = line_;
         return last_line_;
       }
     }
@@ -146,12 +106,79 @@ public:
 private:
   std::string_view text_;
   size_t cursor_;
+  size_t counted_to_;
+  size_t line_;
   size_t last_line_ = 1;
 };
 
-size_t member_line(std::string_view text, std::string_view member) {
-  size_t at = text.find(fmt::format("\"{}\"", member));
-  return at == std::string_view::npos ? 1 : line_of(text, at);
+// A member name given twice in one object: JSON readers disagree on which
+// one counts, so the file is refused.
+struct DuplicateMember {
+  std::string name;
+  int depth;    // 1: the document's own members
+  size_t entry; // deeper: the index of the entry of "keys" it stands in
+};
+
+// A second, linear pass over a file that parsed, looking only at member
+// names: one set of names per open object, and a count of the entries of
+// "keys" so that a duplicate inside one can be given its line. (The DOM
+// parser's callback would do it in the same pass, but costs time
+// quadratic in the length of an array.)
+class DuplicateFinder : public nlohmann::json_sax<json> {
+public:
+  bool null() override { return true; }
+  bool boolean(bool) override { return true; }
+  bool number_integer(number_integer_t) override { return true; }
+  bool number_unsigned(number_unsigned_t) override { return true; }
+  bool number_float(number_float_t, const string_t &) override { return true; }
+  bool string(string_t &) override { return true; }
+  bool binary(binary_t &) override { return true; }
+  bool start_object(std::size_t) override {
+    names_.emplace_back();
+    if (depth_++ == 2) // an entry of "keys"
+      ++entries_;
+    return true;
+  }
+  bool key(string_t &name) override {
+    if (!names_.back().insert(name).second)
+      throw DuplicateMember{name, depth_, entries_ ? entries_ - 1 : 0};
+    return true;
+  }
+  bool end_object() override {
+    names_.pop_back();
+    --depth_;
+    return true;
+  }
+  bool start_array(std::size_t) override {
+    ++depth_;
+    return true;
+  }
+  bool end_array() override {
+    --depth_;
+    return true;
+  }
+  bool parse_error(std::size_t, const std::string &, const nlohmann::detail::exception &) override {
+    return false;
+  }
+
+private:
+  std::vector<std::set<std::string>> names_;
+  int depth_ = 0;
+  size_t entries_ = 0;
+};
+
+// The line of the nth (0-based) occurrence of "member" followed by a colon.
+size_t member_line(std::string_view text, std::string_view member, int nth = 0) {
+  const std::string quoted = fmt::format("\"{}\"", member);
+  size_t at = 0;
+  for (;; at += quoted.size()) {
+    at = text.find(quoted, at);
+    if (at == std::string_view::npos)
+      return 1;
+    size_t p = text.find_first_not_of(" \t\r\n", at + quoted.size());
+    if (p != std::string_view::npos && text[p] == ':' && nth-- == 0)
+      return line_of(text, at);
+  }
 }
 
 // The text of a parse error without nlohmann's prefix and position.
@@ -257,7 +284,8 @@ std::string display_value(std::string_view bytes) {
 }
 
 bool parse_registry_file(const std::string &file, const std::string &text,
-                         std::vector<FileKey> &keys, std::string &error) {
+                         std::vector<FileKey> &keys, std::string &error,
+                         std::string *backup) {
   auto fail = [&](size_t line, const std::string &problem) {
     error = fmt::format("{}:{}: {}", file, line, problem);
     return false;
@@ -266,6 +294,18 @@ bool parse_registry_file(const std::string &file, const std::string &text,
   json doc;
   try {
     doc = json::parse(text);
+    DuplicateFinder finder;
+    json::sax_parse(text, &finder);
+  } catch (const DuplicateMember &d) {
+    if (d.depth <= 1)
+      return fail(member_line(text, d.name, 1),
+                  fmt::format("member \"{}\" is given twice", d.name));
+    size_t keys_at = text.find("\"keys\"");
+    KeyLocator locate(text, keys_at == std::string::npos ? 0 : keys_at + 6);
+    size_t line = 1;
+    for (size_t i = 0; i <= d.entry; ++i)
+      line = locate.next();
+    return fail(line, fmt::format("member \"{}\" is given twice", d.name));
   } catch (const json::parse_error &e) {
     // e.byte counts from 1 and points at the character that went wrong.
     return fail(line_of(text, e.byte > 0 ? e.byte - 1 : 0), parse_problem(e));
@@ -283,15 +323,24 @@ bool parse_registry_file(const std::string &file, const std::string &text,
 
   if (!doc.is_object())
     return fail(1, "the file must hold one JSON object");
+  // A backup is an export with a "backup" member and its own format name.
+  const bool is_backup = backup != nullptr && doc.contains("format") &&
+                         doc["format"] == kBackupFormatName;
   for (const auto &[member, v] : doc.items()) {
     (void)v;
-    if (member != "format" && member != "version" && member != "keys")
+    if (member != "format" && member != "version" && member != "keys" &&
+        !(is_backup && member == "backup"))
       return fail(member_line(text, member),
                   fmt::format("unknown member \"{}\"", member));
   }
-  if (!doc.contains("format") || doc["format"] != kFormatName)
+  if (is_backup) {
+    if (!doc.contains("backup") || !doc["backup"].is_object())
+      return fail(1, "backup without its \"backup\" member");
+    *backup = doc["backup"].dump();
+  } else if (!doc.contains("format") || doc["format"] != kFormatName) {
     return fail(member_line(text, "format"),
                 fmt::format("\"format\" must be \"{}\"", kFormatName));
+  }
   if (!doc.contains("version") || !doc["version"].is_number_integer())
     return fail(member_line(text, "version"),
                 "\"version\" must be an integer");

@@ -11,6 +11,7 @@
 namespace hvsctl {
 
 inline constexpr const char *kFormatName = "hvs-registry";
+inline constexpr const char *kBackupFormatName = "hvs-backup";
 inline constexpr int kFormatVersion = 1;
 
 struct FileKey {
@@ -21,10 +22,14 @@ struct FileKey {
 };
 
 // Parses and checks the text of a registry file. On failure returns false
-// and sets error to "FILE:LINE: problem". Checks key names and duplicates;
-// whether parents exist is the registry's business.
+// and sets error to "FILE:LINE: problem", the line being one of text as
+// given. Checks key names, duplicate keys and duplicate members; whether
+// parents exist is the registry's business. With backup, a backup file is
+// read too, and its "backup" member is left there as JSON text ("" for a
+// plain export).
 bool parse_registry_file(const std::string &file, const std::string &text,
-                         std::vector<FileKey> &keys, std::string &error);
+                         std::vector<FileKey> &keys, std::string &error,
+                         std::string *backup = nullptr);
 
 // How a value is written so that it reads back to the same bytes.
 enum class Form { Text, Multi, Hex };

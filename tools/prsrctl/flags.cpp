@@ -26,9 +26,10 @@ int set_db_enabled(const Globals &g, const std::string &db, bool enable) {
   Session s(g);
   if (s.error())
     return s.error();
-  int32_t rc = prsr_set_db_enabled(s.status(), s.ctx(), db.c_str(), enable ? 1 : 0);
-  if (rc != PRSR_SUCCESS)
-    return report(rc, "database " + db, s.status());
+  WriteResult written = watch_write(
+      [&] { return prsr_set_db_enabled(s.status(), s.ctx(), db.c_str(), enable ? 1 : 0); });
+  if (int code = report_write(written, "database " + db, s.status()); code != kOk)
+    return code;
   if (g.json)
     emit({{"database", db}, {"enabled", enable}, {"changed", true}});
   else

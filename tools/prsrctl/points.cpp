@@ -89,15 +89,15 @@ int set_point_enabled(const Globals &g, const std::string &db, const std::string
   if (s.error())
     return s.error();
   uint32_t v = enable ? 1 : 0;
-  int32_t rc;
-  if (!srv.empty() && !inst.empty())
-    rc = prsr_set_service_instance_enabled(s.status(), s.ctx(), db.c_str(), srv.c_str(),
-                                           inst.c_str(), v);
-  else if (!srv.empty())
-    rc = prsr_set_service_enabled(s.status(), s.ctx(), db.c_str(), srv.c_str(), v);
-  else
-    rc = prsr_set_instance_enabled(s.status(), s.ctx(), db.c_str(), inst.c_str(), v);
-  rc = refine(rc, [&] {
+  WriteResult written = watch_write([&] {
+    if (!srv.empty() && !inst.empty())
+      return prsr_set_service_instance_enabled(s.status(), s.ctx(), db.c_str(), srv.c_str(),
+                                               inst.c_str(), v);
+    if (!srv.empty())
+      return prsr_set_service_enabled(s.status(), s.ctx(), db.c_str(), srv.c_str(), v);
+    return prsr_set_instance_enabled(s.status(), s.ctx(), db.c_str(), inst.c_str(), v);
+  });
+  written.rc = refine(written.rc, [&] {
     uint32_t w = 0;
     if (!srv.empty() && !inst.empty())
       return prsr_get_service_instance_enabled(s.status(), s.ctx(), db.c_str(), srv.c_str(),
@@ -107,8 +107,8 @@ int set_point_enabled(const Globals &g, const std::string &db, const std::string
     return prsr_get_instance_enabled(s.status(), s.ctx(), db.c_str(), inst.c_str(), &w);
   });
   std::string what = object(db, srv, inst);
-  if (rc != PRSR_SUCCESS)
-    return report(rc, what, s.status());
+  if (int code = report_write(written, what, s.status()); code != kOk)
+    return code;
   if (g.json) {
     auto doc = names_json(db, srv, inst);
     doc["enabled"] = enable;
@@ -188,10 +188,11 @@ int set_role(const Globals &g, const std::string &db, const std::string &word) {
   Session s(g);
   if (s.error())
     return s.error();
-  int32_t rc = prsr_set_db_role(s.status(), s.ctx(), db.c_str(), *role);
-  rc = refine(rc, [&] { return probe_database(s, db); });
-  if (rc != PRSR_SUCCESS)
-    return report(rc, "role of database " + db, s.status());
+  WriteResult written =
+      watch_write([&] { return prsr_set_db_role(s.status(), s.ctx(), db.c_str(), *role); });
+  written.rc = refine(written.rc, [&] { return probe_database(s, db); });
+  if (int code = report_write(written, "role of database " + db, s.status()); code != kOk)
+    return code;
   if (g.json)
     emit({{"database", db}, {"role", role_word(*role)}, {"code", *role}, {"changed", true}});
   else

@@ -4,6 +4,7 @@
 #define PRSRCTL_H
 
 #include <cstdint>
+#include <functional>
 #include <string>
 #include <vector>
 
@@ -14,14 +15,16 @@
 
 namespace prsrctl {
 
-/* Exit codes, documented in docs/prsrctl.md. */
+/* Exit codes, documented in docs/prsrctl/README.md. 9, not 8, for a partly
+ * written change: hvsctl's 8 says a change was refused with nothing written. */
 enum Exit : int {
   kOk = 0,
-  kFailure = 1,     /* memory, session or any other failure */
-  kBadArgument = 2, /* usage, or an argument the library refused */
-  kRegistry = 3,    /* the registry failed or cannot be reached */
-  kLock = 4,        /* a configuration lock was refused */
-  kNotFound = 7,    /* database, instance, service, entry or node not found */
+  kFailure = 1,       /* memory, session or any other failure */
+  kBadArgument = 2,   /* usage, or an argument the library refused */
+  kRegistry = 3,      /* the registry failed or cannot be reached */
+  kLock = 4,          /* a configuration lock was refused */
+  kNotFound = 7,      /* database, instance, service, entry or node not found */
+  kPartlyWritten = 9, /* the write returned success, but some of its keys were not written */
 };
 
 struct Globals {
@@ -56,6 +59,32 @@ std::string registry_location();
  * object named, e.g. "database sales: not found in sqlite:/x.db". Returns the
  * exit code (kOk for 0). */
 int report(int32_t rc, const std::string &what, lks_status *status = nullptr);
+
+/* One registry call that failed inside a library write, as the library
+ * reports it on its trace component at level 0:
+ *   "<op>: HVS api <api> failed for key <KEY> with <code>"
+ *   "HVS error code : <n>"  and  "HVS error msg : <text>" */
+struct FailedWrite {
+  std::string key, api, message;
+  int32_t code = 0;
+};
+
+/* A library write's result and the failures it reported while it ran. Some
+ * writes go on past a failed key and still return success (a service's own
+ * flag, for one): the reports are how prsrctl learns of those. */
+struct WriteResult {
+  int32_t rc = PRSR_SUCCESS;
+  int reports = 0;                 /* failure reports seen */
+  std::vector<FailedWrite> failed; /* their keys (fewer only when memory ran out) */
+};
+
+/* Runs one library write of an open session and collects its reports. */
+WriteResult watch_write(const std::function<int32_t()> &write);
+
+/* The exit code of a write: report()'s for a failed call, kPartlyWritten
+ * for success over failed keys; either way the keys not written are listed
+ * on stderr with the registry's message. kOk when all was written. */
+int report_write(const WriteResult &w, const std::string &what, lks_status *status);
 
 /* Writes one JSON document to stdout. */
 void emit(const nlohmann::json &doc);

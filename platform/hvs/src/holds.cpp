@@ -54,9 +54,12 @@ std::shared_ptr<Hold> covering(std::string_view key) {
   return best;
 }
 
-void defer(const std::shared_ptr<Hold> &hold, std::function<Status()> fn) {
+bool defer(const std::shared_ptr<Hold> &hold, std::function<Status()> fn) {
   std::lock_guard lock(g_mu);
+  if (hold->ended)
+    return false;
   hold->on_leave.push_back(std::move(fn));
+  return true;
 }
 
 } // namespace hvs::holds
@@ -102,6 +105,7 @@ hvs_hold_leave(hvs_hold *handle, char *msg, size_t cap) {
     std::lock_guard lock(hvs::holds::g_mu);
     std::erase(hvs::holds::g_holds, hold);
     todo.swap(hold->on_leave);
+    hold->ended = true;
   }
   int32_t first = 0;
   for (auto &fn : todo) {

@@ -21,16 +21,18 @@ struct Hold {
   std::string fence;  // engine evidence of the hold ("" for none)
   std::thread::id owner;
   std::atomic<bool> lost{false};
-  // Run when the hold ends, in order; guarded by the table's mutex.
+  // Run when the hold ends, in order; both guarded by the table's mutex.
   std::vector<std::function<Status()>> on_leave;
+  bool ended = false;
 };
 
 // The hold of the calling thread that covers key, or nullptr. With several,
 // the exclusive one, else the latest.
 std::shared_ptr<Hold> covering(std::string_view key);
 
-// Adds fn to what hold runs when it ends.
-void defer(const std::shared_ptr<Hold> &hold, std::function<Status()> fn);
+// Adds fn to what hold runs when it ends; false, and fn never runs, when it
+// has ended already.
+bool defer(const std::shared_ptr<Hold> &hold, std::function<Status()> fn);
 
 // Ordering marks, for the client layer's cache: one process-wide count
 // that goes up by one for every hold entered (hvs_hold_enter) and for every

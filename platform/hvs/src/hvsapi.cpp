@@ -2,9 +2,12 @@
 // last error, and the serialisation of calls on one handle. Everything that
 // stores keys is behind hvs::Backend.
 #include <atomic>
+#include <chrono>
+#include <condition_variable>
 #include <cstring>
 #include <memory>
 #include <mutex>
+#include <thread>
 #include <unordered_map>
 
 #include "cache.h"
@@ -21,11 +24,35 @@ using hvs::Status;
 constexpr uint64_t kHandleMagic = 0x48565348414e444cULL; // "HVSHANDL"
 constexpr uint64_t kKeyMagic = 0x4856534b45594844ULL;    // "HVSKEYHD"
 
+// How long a write waits for another thread's transaction on its handle:
+// as long as the embedded engine waits for another connection's.
+constexpr std::chrono::seconds kTransactionWait{10};
+
+// What a handle's calls run on. The commit that an exclusive hold runs when
+// it ends (hvs/holds.h) keeps a weak reference, so it finds the core gone
+// when the handle was terminated first.
+//
+// Lock order: mu before the holds table's mutex. The table never calls back
+// with its mutex held (hvs_hold_leave runs the deferred commits after
+// letting it go), so the commit may take mu.
+struct Core {
+  std::mutex mu;
+  std::unique_ptr<Backend> backend; // guarded by mu, as is all below
+  // The transaction of the exclusive holds of one thread, open on the
+  // backend until the first of them ends. That thread's writes join it;
+  // another thread's write waits for its end. Reads and admin calls of any
+  // thread run inside it.
+  bool held_tx = false;
+  std::thread::id tx_thread;
+  uint64_t tx_number = 0;
+  std::vector<const hvs::holds::Hold *> tx_holds; // those that will commit it
+  std::condition_variable tx_over;
+};
+
 struct Handle {
   uint64_t magic = kHandleMagic;
   uint64_t serial = 0;
-  std::mutex mu;
-  std::unique_ptr<Backend> backend;
+  std::shared_ptr<Core> core;
   std::string location;
 };
 
@@ -157,12 +184,18 @@ int32_t open_handle(void **handle_out, bool create, bool client, char *msg,
     return record(0, st.code, st.message);
   }
   auto *h = new (std::nothrow) Handle;
-  if (h == nullptr) {
+  try {
+    if (h != nullptr)
+      h->core = std::make_shared<Core>();
+  } catch (const std::bad_alloc &) {
+  }
+  if (h == nullptr || h->core == nullptr) {
+    delete h;
     report(loc.text + ": out of memory");
     return record(0, HVS_ERR_MEMORY, loc.text + ": out of memory");
   }
   h->serial = ++g_serial;
-  h->backend = std::move(backend);
+  h->core->backend = std::move(backend);
   h->location = loc.text;
   *handle_out = h;
   if (msg_len != nullptr)
@@ -174,14 +207,72 @@ int32_t open_handle(void **handle_out, bool create, bool client, char *msg,
 // memory in the client layer, mostly) into codes.
 template <class F> int32_t guarded(Handle *h, F &&f) {
   try {
-    std::lock_guard lock(h->mu);
-    Status st = f(*h->backend);
+    std::lock_guard lock(h->core->mu);
+    Status st = f(*h->core->backend);
     return st.ok() ? HVS_OK : record(h, st);
   } catch (const std::bad_alloc &) {
     return record(h->serial, HVS_ERR_MEMORY, h->location + ": out of memory");
   } catch (const std::exception &e) {
     return record(h->serial, HVS_ERR_ENGINE, h->location + ": " + e.what());
   }
+}
+
+// Ends the held transaction of core (mu held); nothing when number names
+// one that has ended already.
+Status end_held_tx(Core &core, uint64_t number) {
+  if (!core.held_tx || core.tx_number != number)
+    return {};
+  core.held_tx = false;
+  core.tx_holds.clear();
+  core.tx_over.notify_all();
+  return core.backend->commit();
+}
+
+// What an exclusive hold runs when it ends: the commit of the transaction
+// its writes joined, unless the handle ended it first.
+Status commit_at_leave(const std::weak_ptr<Core> &weak, uint64_t number) noexcept {
+  try {
+    std::shared_ptr<Core> core = weak.lock();
+    if (core == nullptr)
+      return {}; // terminated: committed then
+    std::lock_guard lock(core->mu);
+    return end_held_tx(*core, number);
+  } catch (...) { // the message alone could not be had
+    return Status{HVS_ERR_MEMORY, {}};
+  }
+}
+
+// Makes a write of this thread under hold part of the hold's transaction
+// (core's mu held). The first such write begins it, and each exclusive hold
+// that writes into it commits it when it ends, whichever ends first.
+Status join_held_tx(const std::shared_ptr<Core> &core,
+                    const std::shared_ptr<hvs::holds::Hold> &hold) {
+  if (!core->held_tx) {
+    Status st = core->backend->begin();
+    if (st.code == HVS_ERR_ARGUMENT)
+      return {}; // the caller's own transaction (hvsadm_begin): the write goes into it
+    if (!st.ok())
+      return st;
+    core->held_tx = true;
+    core->tx_thread = std::this_thread::get_id();
+    ++core->tx_number;
+  }
+  for (const auto *h : core->tx_holds)
+    if (h == hold.get())
+      return {};
+  std::weak_ptr<Core> weak = core;
+  const uint64_t number = core->tx_number;
+  bool deferred = false;
+  try {
+    deferred = hvs::holds::defer(hold, [weak, number] { return commit_at_leave(weak, number); });
+  } catch (...) {
+    end_held_tx(*core, number); // no hold would end it
+    throw;
+  }
+  if (!deferred) // the hold ended meanwhile: nothing to wait for
+    return end_held_tx(*core, number);
+  core->tx_holds.push_back(hold.get()); // on failure the hold's end still commits
+  return {};
 }
 
 // Admin calls take a checked key name.
@@ -215,12 +306,21 @@ int32_t hvsapi_terminate(void *handle) {
   if (h == nullptr)
     return bad_handle("hvsapi_terminate");
   t_errors.erase(h->serial);
+  Status st;
   {
-    std::lock_guard lock(h->mu);
+    std::lock_guard lock(h->core->mu);
     h->magic = 0;
-    h->backend.reset();
+    // Writes made under a lock still held are committed now: after this
+    // the lock's end finds nothing to commit.
+    st = end_held_tx(*h->core, h->core->tx_number);
+    h->core->backend.reset();
   }
+  std::string location = std::move(h->location);
   delete h;
+  if (!st.ok())
+    return record(0, st.code,
+                  location + ": hvsapi_terminate: the writes made under a lock were not "
+                             "committed: " + st.message);
   return HVS_OK;
 }
 
@@ -316,16 +416,33 @@ int32_t hvsapi_set_value(void *handle, void *key, uint32_t type,
                   h->location + ": write of key " + k->data.path + " refused: lock " +
                       hold->lock +
                       " was lost (its session with the lock service ended); nothing was written");
-  return guarded(h, [&](Backend &b) {
-    Status st = hold ? b.set_value_fenced(k->data, type, v, hold->fence)
-                     : b.set_value(k->data, type, v);
-    if (st.ok()) {
-      k->data.value.assign(v);
-      k->data.has_value = true;
-      k->data.type = type;
-    }
-    return st;
-  });
+  std::shared_ptr<Core> core = h->core;
+  try {
+    std::unique_lock lock(core->mu);
+    if (core->held_tx && core->tx_thread != std::this_thread::get_id() &&
+        !core->tx_over.wait_for(lock, kTransactionWait, [&] { return !core->held_tx; }))
+      return record(h->serial, HVS_ERR_ENGINE,
+                    h->location + ": write of key " + k->data.path +
+                        " refused: another thread's writes under a lock kept the handle for " +
+                        std::to_string(kTransactionWait.count()) + " s");
+    Backend &b = *core->backend;
+    Status st;
+    if (hold && hold->exclusive && b.batches_under_lock())
+      st = join_held_tx(core, hold);
+    if (st.ok())
+      st = hold ? b.set_value_fenced(k->data, type, v, hold->fence)
+                : b.set_value(k->data, type, v);
+    if (!st.ok())
+      return record(h, st);
+    k->data.value.assign(v);
+    k->data.has_value = true;
+    k->data.type = type;
+    return HVS_OK;
+  } catch (const std::bad_alloc &) {
+    return record(h->serial, HVS_ERR_MEMORY, h->location + ": out of memory");
+  } catch (const std::exception &e) {
+    return record(h->serial, HVS_ERR_ENGINE, h->location + ": " + e.what());
+  }
 }
 
 int32_t hvsapi_enum_subkey(void *handle, void *key, char *name, uint32_t *len,
@@ -526,8 +643,8 @@ int32_t hvsadm_cache_stats(void *handle, hvsadm_cache_info *out) {
     return bad_handle("hvsadm_cache_stats");
   if (out == nullptr)
     return bad_arg(h, "hvsadm_cache_stats", "NULL output pointer");
-  std::lock_guard lock(h->mu);
-  if (!hvs::cache::stats_of(*h->backend, *out))
+  std::lock_guard lock(h->core->mu);
+  if (!hvs::cache::stats_of(*h->core->backend, *out))
     return bad_arg(h, "hvsadm_cache_stats", "this handle keeps no cache");
   return HVS_OK;
 }

@@ -165,7 +165,8 @@ public:
   }
 
   Status open_key(std::string_view name, KeyData &out) override {
-    if (name.empty()) { // the root
+    out.path.assign(name); // what a write is matched against the locks held by
+    if (name.empty()) {    // the root
       out.id = 0;
       out.has_value = false;
       out.type = HVS_TYPE_BINARY;
@@ -191,6 +192,8 @@ public:
     if (key.id == 0)
       return Status::failure(HVS_ERR_ARGUMENT,
                              loc_ + ": the root holds no value");
+    if (Status st = tx_intact(); !st.ok())
+      return st;
     Use u(stmts_[kSetById]);
     sqlite3_bind_int64(u.get(), 1, key.id);
     sqlite3_bind_int64(u.get(), 2, type);
@@ -219,6 +222,8 @@ public:
 
   Status create_key(std::string_view name, bool has_value, uint32_t type,
                     std::string_view bytes) override {
+    if (Status st = tx_intact(); !st.ok())
+      return st;
     KeyData parent;
     std::string_view pname = parent_of(name);
     Status st = open_key(pname, parent);
@@ -249,6 +254,8 @@ public:
 
   Status put_value(std::string_view name, bool has_value, uint32_t type,
                    std::string_view bytes) override {
+    if (Status st = tx_intact(); !st.ok())
+      return st;
     Use u(stmts_[kPutByPath]);
     sqlite3_bind_blob64(u.get(), 1, name.data(), name.size(), SQLITE_STATIC);
     sqlite3_bind_int64(u.get(), 2, has_value ? type : HVS_TYPE_BINARY);
@@ -263,6 +270,8 @@ public:
   }
 
   Status delete_key(std::string_view name, bool recursive) override {
+    if (Status st = tx_intact(); !st.ok())
+      return st;
     if (name.empty()) {
       if (!recursive)
         return Status::failure(HVS_ERR_NOT_EMPTY,
@@ -304,6 +313,10 @@ public:
     if (!in_tx_)
       return Status::failure(HVS_ERR_ARGUMENT,
                              loc_ + ": commit without a transaction");
+    if (Status st = tx_intact(); !st.ok()) {
+      in_tx_ = false;
+      return st;
+    }
     in_tx_ = false;
     int rc = sqlite3_exec(db_, "COMMIT", nullptr, nullptr, nullptr);
     if (rc != SQLITE_OK) {
@@ -320,6 +333,8 @@ public:
       return Status::failure(HVS_ERR_ARGUMENT,
                              loc_ + ": rollback without a transaction");
     in_tx_ = false;
+    if (sqlite3_get_autocommit(db_))
+      return {}; // SQLite rolled it back already
     int rc = sqlite3_exec(db_, "ROLLBACK", nullptr, nullptr, nullptr);
     if (rc != SQLITE_OK)
       return fail(rc, "rollback");
@@ -371,6 +386,9 @@ public:
     return {};
   }
 
+  // The writes under an exclusive lock are one transaction (hvs/holds.h).
+  bool batches_under_lock() const noexcept override { return true; }
+
   // Changes are told by SQLite's WAL-index header (wal_index.h): any commit,
   // by any connection of any process, moves it.
   bool follow(ChangeSink *sink) override {
@@ -397,6 +415,14 @@ public:
   }
 
 private:
+  // Some failures (a full disk, an I/O error) make SQLite roll the whole
+  // transaction back. What follows must not land on its own, outside it.
+  Status tx_intact() const {
+    if (!in_tx_ || !sqlite3_get_autocommit(db_))
+      return {};
+    return Status::failure(HVS_ERR_ENGINE, loc_ + ": the transaction was rolled back after an "
+                                                  "earlier failure; nothing of it was written");
+  }
   Status fail(int rc, const std::string &what) const {
     return Status::failure(map_code(rc), loc_ + ": " + what + ": " +
                                              sqlite3_errmsg(db_));

@@ -126,10 +126,7 @@ public:
   // tell whether it landed, and the message says so.
   Status set_value(const KeyData &key, uint32_t, std::string_view bytes) override {
     zk::Budget budget(zk::Clock::now() + settings_.timeout());
-    if (key.path.empty())
-      return Status::failure(HVS_ERR_ARGUMENT,
-                             loc_ + ": the root holds no value");
-    if (Status st = fits(key.path, bytes); !st.ok())
+    if (Status st = writable(key, bytes); !st.ok())
       return st;
     if (Status st = ensure(); !st.ok())
       return st;
@@ -157,10 +154,7 @@ public:
     if (fence.empty())
       return set_value(key, type, bytes);
     zk::Budget budget(zk::Clock::now() + settings_.timeout());
-    if (key.path.empty())
-      return Status::failure(HVS_ERR_ARGUMENT,
-                             loc_ + ": the root holds no value");
-    if (Status st = fits(key.path, bytes); !st.ok())
+    if (Status st = writable(key, bytes); !st.ok())
       return st;
     const std::string fence_path(fence);
     const std::string path = path_of(key.path);
@@ -345,7 +339,7 @@ public:
       switch (op.kind) {
       case Op::Create:
         zoo_create_op_init(&zops[i], op.path.c_str(), data, len,
-                           &ZOO_OPEN_ACL_UNSAFE, 0, nullptr, 0);
+                           session_->acl(), 0, nullptr, 0);
         break;
       case Op::Set:
         zoo_set_op_init(&zops[i], op.path.c_str(), data, len, -1, nullptr);
@@ -538,6 +532,12 @@ private:
   Status exists(std::string_view name) const {
     return Status::failure(HVS_ERR_EXISTS, loc_ + ": key " + std::string(name) +
                                                " exists already");
+  }
+  // Whether a value can be written to key at all: the root holds none.
+  Status writable(const KeyData &key, std::string_view bytes) const {
+    if (key.path.empty())
+      return Status::failure(HVS_ERR_ARGUMENT, loc_ + ": the root holds no value");
+    return fits(key.path, bytes);
   }
   // Refuses, before it is sent, a write the ensemble would answer by
   // dropping the connection.

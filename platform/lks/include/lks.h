@@ -2,7 +2,7 @@
  *
  * Named locks, shared or exclusive, across processes and across sessions of
  * one process; a name is any text. A lock call waits until the lock is
- * granted or until LKS_TIMEOUT_MS (environment, default 10000) has passed,
+ * granted or until LKS_TIMEOUT_MS (environment, default 20000) has passed,
  * then fails with the reason in the lks_status. A holder that dies releases
  * its locks. The locks follow HVS_REGISTRY: file locks beside an SQLite
  * registry, ZooKeeper locks on an ensemble.

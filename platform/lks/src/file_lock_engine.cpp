@@ -115,6 +115,73 @@ Outcome FileLockEngine::ensure_directory() {
   return Outcome::ok();
 }
 
+namespace {
+
+// A waiting writer's notice: an open-file-description read lock on byte 0
+// of the lock file (independent of the flock on the file). Writers may post
+// it together; readers only test for it. Both work on a read-only
+// descriptor, and the notice goes with the descriptor, so with a process
+// that dies.
+struct flock notice_range(short type) {
+  struct flock fl {};
+  fl.l_type = type;
+  fl.l_whence = SEEK_SET;
+  fl.l_start = 0;
+  fl.l_len = 1;
+  return fl;
+}
+
+int set_notice(int fd, short type) {
+  struct flock fl = notice_range(type);
+  while (::fcntl(fd, F_OFD_SETLK, &fl) != 0)
+    if (errno != EINTR)
+      return errno;
+  return 0;
+}
+
+// 0 and *waiting filled, or the errno of the test.
+int writer_waiting(int fd, bool *waiting) {
+  struct flock fl = notice_range(F_WRLCK); // would a lock conflicting with any notice be held?
+  while (::fcntl(fd, F_OFD_GETLK, &fl) != 0)
+    if (errno != EINTR)
+      return errno;
+  *waiting = fl.l_type != F_UNLCK;
+  return 0;
+}
+
+// The descriptor of one request, closed with everything it holds unless
+// handed over.
+class Request {
+public:
+  explicit Request(int fd) : fd_(fd) {}
+  ~Request() {
+    if (fd_ < 0)
+      return;
+    // Unlock before close: a child forked meanwhile shares the open file
+    // description, and close alone would leave the locks with it.
+    ::flock(fd_, LOCK_UN);
+    set_notice(fd_, F_UNLCK);
+    ::close(fd_);
+  }
+  Request(const Request &) = delete;
+  Request &operator=(const Request &) = delete;
+  int release() {
+    int fd = fd_;
+    fd_ = -1;
+    return fd;
+  }
+
+private:
+  int fd_;
+};
+
+} // namespace
+
+// Writers come before the readers that arrive after them: a writer posts its
+// notice before it asks for the lock and takes it down once granted, and a
+// reader asks only while no notice is up. A writer so waits for the readers
+// that were in (or on their way in) when it came, never for later ones.
+// Between writers there is no order.
 Outcome FileLockEngine::acquire(const std::string &name, Mode mode,
                                 std::chrono::milliseconds timeout, Token *token) {
   const std::string path = dir_ + "/" + file_name(name);
@@ -131,29 +198,42 @@ Outcome FileLockEngine::acquire(const std::string &name, Mode mode,
     return failure(LKS_ERR_SYSTEM, err,
                    "lock " + shown(name) + ": cannot open " + path + ": " + std::strerror(err));
   }
+  Request req(fd);
+  auto system_failure = [&](int err) {
+    return failure(LKS_ERR_SYSTEM, err, "lock " + shown(name) + ": " + std::strerror(err));
+  };
 
-  const int op = (mode == Mode::Shared ? LOCK_SH : LOCK_EX) | LOCK_NB;
+  const bool writer = mode == Mode::Exclusive;
+  if (writer)
+    if (int err = set_notice(fd, F_RDLCK))
+      return system_failure(err);
+  const int op = (writer ? LOCK_EX : LOCK_SH) | LOCK_NB;
   const auto deadline = std::chrono::steady_clock::now() + timeout;
   auto backoff = kFirstBackoff;
   for (;;) {
-    if (::flock(fd, op) == 0) {
-      *token = fd;
-      return Outcome::ok();
-    }
-    int err = errno;
-    if (err == EINTR)
-      continue;
-    if (err != EWOULDBLOCK) {
-      ::close(fd);
-      return failure(LKS_ERR_SYSTEM, err, "lock " + shown(name) + ": " + std::strerror(err));
+    bool held_back = false;
+    if (!writer)
+      if (int err = writer_waiting(fd, &held_back))
+        return system_failure(err);
+    if (!held_back) {
+      if (::flock(fd, op) == 0) {
+        if (writer)
+          if (int err = set_notice(fd, F_UNLCK))
+            return system_failure(err);
+        *token = req.release();
+        return Outcome::ok();
+      }
+      int err = errno;
+      if (err == EINTR)
+        continue;
+      if (err != EWOULDBLOCK)
+        return system_failure(err);
     }
     auto now = std::chrono::steady_clock::now();
-    if (now >= deadline) {
-      ::close(fd);
+    if (now >= deadline)
       return failure(LKS_ERR_TIMEOUT, 0,
                      "lock " + shown(name) + ": not granted within " +
                          std::to_string(timeout.count()) + " ms (held by another process)");
-    }
     auto left = std::chrono::duration_cast<std::chrono::milliseconds>(deadline - now);
     std::this_thread::sleep_for(left < backoff ? left + std::chrono::milliseconds(1) : backoff);
     backoff = backoff * 2 > kMaxBackoff ? kMaxBackoff : backoff * 2;

@@ -1,7 +1,8 @@
 // file_lock_engine.h - named locks as flock(2) locks on files of one
 // directory. Every acquire opens its own descriptor, and so its own open
 // file description: two holds in one process exclude each other exactly as
-// two processes do, and a process that dies releases all it held.
+// two processes do, and a process that dies releases all it held. A waiting
+// writer goes before the readers that come after it.
 #ifndef LKS_FILE_LOCK_ENGINE_H
 #define LKS_FILE_LOCK_ENGINE_H
 

@@ -37,7 +37,7 @@ static_assert(sizeof(lks_status) == 216, "status record size");
 constexpr uint16_t kVersionMajor = 2;
 constexpr uint16_t kVersionMinor = 1;
 constexpr uint32_t kParamsSize = 272;
-constexpr long kDefaultTimeoutMs = 10000;
+constexpr long kDefaultTimeoutMs = 20000;
 constexpr uint64_t kHandleMagic = 0x4c4b5348444c0001ull; // "LKSHDL"
 
 int32_t report(lks_status *st, int32_t code, int err, const char *fmt, ...)

@@ -1,10 +1,12 @@
 // trc.cpp - the trace library.
 //
-// Hot path: a line above the active level costs one relaxed atomic load and
-// a compare, and so does any line while the destination is "none". Only a
-// line that will be written is formatted; it goes out in one write() under
-// the destination mutex, so lines of several threads never interleave and a
-// destination change never races a write.
+// Hot path: a line above the active level and the sink's level costs two
+// relaxed atomic loads and compares, and so does any line while the
+// destination is "none" and no sink is set. Only a line that goes somewhere
+// is formatted, once; it goes out in one write() under the destination
+// mutex, so lines of several threads never interleave and a destination
+// change never races a write. The sink is called under its own mutex, so its
+// calls never overlap and a change of sink waits for the call under way.
 //
 // Components live in a fixed open-addressed table of immutable records:
 // lookups (trcgetcompid runs on every allocation of a client) read it
@@ -109,25 +111,54 @@ std::mutex g_dest_mutex; // guards g_fd_owned and every write
 bool g_fd_owned = false;
 std::atomic<int> g_fd{initial_dest(&g_fd_owned)};
 
-bool passes(int32_t level) {
+// The program's sink; g_sink_level is -1 while there is none. Both change
+// only under g_sink_mutex, which every call of the sink holds.
+std::mutex g_sink_mutex;
+trc_sink_fn g_sink = nullptr;
+void *g_sink_arg = nullptr;
+std::atomic<int32_t> g_sink_level{-1};
+// Set while this thread runs the sink: its own lines are not handed back.
+__attribute__((tls_model("initial-exec"))) thread_local bool t_in_sink = false;
+
+bool to_dest(int32_t level) {
   return level <= g_level.load(std::memory_order_relaxed) &&
          g_fd.load(std::memory_order_relaxed) != kDestNone;
 }
 
+bool to_sink(int32_t level) { return level <= g_sink_level.load(std::memory_order_relaxed); }
+
+bool passes(int32_t level) { return to_dest(level) || to_sink(level); }
+
+void deliver(uintptr_t comp, int32_t level, const char *text) {
+  if (t_in_sink)
+    return;
+  std::lock_guard<std::mutex> guard(g_sink_mutex);
+  if (g_sink == nullptr || level > g_sink_level.load(std::memory_order_relaxed))
+    return; // removed or narrowed since the line was let through
+  t_in_sink = true;
+  g_sink(g_sink_arg, comp, level, text);
+  t_in_sink = false;
+}
+
 int32_t emit(uintptr_t comp, int32_t level, const char *fmt, va_list ap) {
-  char head[128];
-  timespec ts{};
-  clock_gettime(CLOCK_REALTIME, &ts);
-  tm utc{};
-  gmtime_r(&ts.tv_sec, &utc);
-  int hl = std::snprintf(head, sizeof head, "%04d-%02d-%02dT%02d:%02d:%02d.%03ldZ %s %d: ",
-                         utc.tm_year + 1900, utc.tm_mon + 1, utc.tm_mday, utc.tm_hour,
-                         utc.tm_min, utc.tm_sec, ts.tv_nsec / 1000000L,
-                         component_name(comp), static_cast<int>(level));
-  if (hl < 0)
-    return -1;
-  if (static_cast<size_t>(hl) >= sizeof head)
-    hl = sizeof head - 1;
+  // The time and component prefix only for a line the destination takes.
+  const bool dest = to_dest(level);
+  char head[128] = {};
+  int hl = 0;
+  if (dest) {
+    timespec ts{};
+    clock_gettime(CLOCK_REALTIME, &ts);
+    tm utc{};
+    gmtime_r(&ts.tv_sec, &utc);
+    hl = std::snprintf(head, sizeof head,
+                       "%04d-%02d-%02dT%02d:%02d:%02d.%03ldZ %s %d: ", utc.tm_year + 1900,
+                       utc.tm_mon + 1, utc.tm_mday, utc.tm_hour, utc.tm_min, utc.tm_sec,
+                       ts.tv_nsec / 1000000L, component_name(comp), static_cast<int>(level));
+    if (hl < 0)
+      return -1;
+    if (static_cast<size_t>(hl) >= sizeof head)
+      hl = sizeof head - 1;
+  }
 
   char stack[2048];
   std::vector<char> heap;
@@ -149,6 +180,12 @@ int32_t emit(uintptr_t comp, int32_t level, const char *fmt, va_list ap) {
   size_t len = static_cast<size_t>(hl) + static_cast<size_t>(ml);
   if (len > static_cast<size_t>(hl) && line[len - 1] == '\n')
     --len; // the caller's own newline; every line gets exactly one
+  if (to_sink(level)) {
+    line[len] = '\0';
+    deliver(comp, level, line + hl);
+  }
+  if (!dest)
+    return 0;
   line[len++] = '\n';
 
   std::lock_guard<std::mutex> guard(g_dest_mutex);
@@ -256,5 +293,20 @@ TRC_EXPORT int32_t trcsetdest(const char *dest) {
   if (g_fd_owned && old >= 0)
     ::close(old);
   g_fd_owned = owned;
+  return 0;
+}
+
+TRC_EXPORT int32_t trcsetsink(trc_sink_fn fn, void *arg, int32_t max_level) {
+  if (t_in_sink)
+    return -1; // the sink's own mutex is held by this very thread
+  if (fn == nullptr || max_level < 0) {
+    fn = nullptr;
+    arg = nullptr;
+    max_level = -1;
+  }
+  std::lock_guard<std::mutex> guard(g_sink_mutex);
+  g_sink = fn;
+  g_sink_arg = arg;
+  g_sink_level.store(max_level, std::memory_order_relaxed);
   return 0;
 }

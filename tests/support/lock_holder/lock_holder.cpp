@@ -3,17 +3,19 @@
 // exec, never as a bare fork of a test, so that it starts with a clean
 // process whatever threads the test had running.
 //
-//   lock_holder NAME shared|exclusive [HOLD_MS]
+//   lock_holder NAME shared|exclusive [HOLD_MS [KEY=VALUE...]]
 //
-// Writes 'y' to stdout once the lock is held ('n' if it was refused), then
-// holds it for HOLD_MS milliseconds, or without HOLD_MS until a byte (or
-// end of file) arrives on stdin; then releases it and exits with the code
-// of the release (0 when it went well).
+// Takes the lock, then writes each VALUE (as text) to its KEY through the
+// registry client, under the lock. Writes 'y' to stdout once that is done
+// ('n' if the lock or a write was refused), then holds the lock for HOLD_MS
+// milliseconds, or, without HOLD_MS or with a negative one, until a byte
+// (or end of file) arrives on stdin; then releases it and exits with the
+// code of the release (0 when it went well).
 //
-// With LOCK_HOLDER_WRITE=KEY=VALUE it writes VALUE (with its NUL) to KEY
-// through the registry client just before the release, as a writer under
-// the lock does; 16 is added to the exit code when the write was refused
-// because the lock was lost, 32 when it failed otherwise.
+// With LOCK_HOLDER_WRITE=KEY=VALUE it also writes VALUE to KEY just before
+// the release, as a late writer under the lock does; 16 is added to the
+// exit code when that write was refused because the lock was lost, 32 when
+// it failed otherwise.
 #include <unistd.h>
 
 #include <cstdlib>
@@ -24,13 +26,34 @@
 #include "lks.h"
 #include "mp.h"
 
+namespace {
+
+int32_t write_text(void *hvs, const std::string &assignment) {
+  auto eq = assignment.find('=');
+  if (eq == std::string::npos)
+    return HVS_ERR_ARGUMENT;
+  std::string key = assignment.substr(0, eq);
+  std::string value = assignment.substr(eq + 1);
+  void *k = nullptr;
+  int32_t rc = hvsapi_open_key(hvs, &k, key.c_str());
+  if (rc != HVS_OK)
+    return rc;
+  rc = hvsapi_set_value(hvs, k, HVS_TYPE_TEXT, value.c_str(), uint32_t(value.size() + 1));
+  hvsapi_close_key(hvs, k);
+  return rc;
+}
+
+} // namespace
+
 int main(int argc, char **argv) {
   if (argc < 3)
     return 2;
   const char *name = argv[1];
   bool shared = std::strcmp(argv[2], "shared") == 0;
+  int hold_ms = argc > 3 ? std::atoi(argv[3]) : -1;
   lks_status st{};
   void *h = nullptr;
+  void *hvs = nullptr;
   lks_version v{2, 1};
   lks_init_params p{};
   p.metactx = plinit(nullptr);
@@ -40,11 +63,17 @@ int main(int argc, char **argv) {
   int32_t rc = lkssinit(&st, &h, &v, &p, 272);
   if (rc == 0)
     rc = shared ? lksshrlock(&st, h, name) : lksmutexlock(&st, h, name);
+  if (rc == 0 && argc > 4) {
+    uint64_t len = 0;
+    rc = hvsapi_init_ext(&hvs, 3, nullptr, &len, 0);
+    for (int i = 4; rc == 0 && i < argc; ++i)
+      rc = write_text(hvs, argv[i]);
+  }
   char c = rc == 0 ? 'y' : 'n';
   if (write(1, &c, 1) != 1 || rc != 0)
     return 3;
-  if (argc > 3)
-    usleep(static_cast<useconds_t>(std::atoi(argv[3])) * 1000);
+  if (hold_ms >= 0)
+    usleep(static_cast<useconds_t>(hold_ms) * 1000);
   else if (read(0, &c, 1) < 0)
     return 4;
   int wrote = 0;
@@ -66,5 +95,7 @@ int main(int argc, char **argv) {
   rc = lksunlock(&st, h, name);
   int code = rc == 0 ? 0 : lks_status_code(&st);
   lkssterm(&st, h);
+  if (hvs != nullptr)
+    hvsapi_terminate(hvs);
   return code + wrote;
 }

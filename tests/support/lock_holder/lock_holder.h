@@ -8,27 +8,32 @@
 #include <unistd.h>
 
 #include <string>
+#include <vector>
 
 class LockHolder {
 public:
-  /* Starts the holder and waits until it has the lock (granted()) or was
-   * refused. hold_ms >= 0: it releases by itself after that long;
-   * otherwise when release() is called. */
-  LockHolder(const std::string &name, bool shared, int hold_ms = -1) {
+  /* Starts the holder and waits until it has the lock and has made the
+   * writes ("KEY=VALUE", text values) under it (granted()), or was refused.
+   * hold_ms >= 0: it releases by itself after that long; otherwise when
+   * release() is called. */
+  LockHolder(const std::string &name, bool shared, int hold_ms = -1,
+             const std::vector<std::string> &writes = {}) {
     int up[2], down[2];
     if (pipe(up) != 0 || pipe(down) != 0)
       return;
     std::string mode = shared ? "shared" : "exclusive";
     std::string ms = std::to_string(hold_ms);
-    const char *args[] = {LOCK_HOLDER_PATH, name.c_str(), mode.c_str(),
-                          hold_ms >= 0 ? ms.c_str() : nullptr, nullptr};
+    std::vector<const char *> args = {LOCK_HOLDER_PATH, name.c_str(), mode.c_str(), ms.c_str()};
+    for (const auto &w : writes)
+      args.push_back(w.c_str());
+    args.push_back(nullptr);
     pid_ = fork();
     if (pid_ == 0) { /* only async-signal-safe calls until the exec */
       dup2(down[0], 0);
       dup2(up[1], 1);
       close(up[0]);
       close(down[1]);
-      execv(LOCK_HOLDER_PATH, const_cast<char *const *>(args));
+      execv(LOCK_HOLDER_PATH, const_cast<char *const *>(args.data()));
       _exit(127);
     }
     close(up[1]);

@@ -10,7 +10,11 @@
  *    check that the lock's request node still exists, so a write made
  *    after the lock was lost can never land;
  *  - on SQLite the writes made under an exclusive hold are one transaction,
- *    committed when the hold ends, before the lock is given back.
+ *    committed when the hold ends, before the lock is given back (or when
+ *    the handle is terminated first). The transaction is the handle's: the
+ *    holding thread's other writes on it join it, another thread's wait
+ *    for its end, and reads on the handle see it. Writes under a shared
+ *    hold, or under none, are committed at once.
  *
  * Not part of the client interface: only the lock service calls these.
  */
