@@ -5,6 +5,8 @@
 // JSON is parsed and checked, never compared as text.
 #include <gtest/gtest.h>
 
+#include <fstream>
+
 #include <nlohmann/json.hpp>
 
 #include "lks.h"
@@ -124,6 +126,25 @@ TEST_F(Prsrctl, LookupsAnswerWithNamesAsSpelled) {
   EXPECT_EQ(true, run_json("get supported -d sales -s sales.east -i sales1")["supported"]);
 }
 
+// Global options count wherever they are written, on both tools.
+TEST_F(Prsrctl, GlobalOptionsWorkAfterTheCommand) {
+  Result r = sh(std::string(PRSRCTL_PATH) + " config database --json --registry " + reg_);
+  ASSERT_EQ(0, r.status) << r.err;
+  EXPECT_TRUE(json::accept(r.out)) << r.out;
+  r = sh(std::string(PRSRCTL_PATH) + " get enabled -d sales --registry " + reg_ + " -v");
+  EXPECT_EQ(0, r.status) << r.err;
+  EXPECT_NE(std::string::npos, r.err.find("prsr_get_db_enabled")) << r.err;
+  r = sh(std::string(HVSCTL_PATH) + " export DATABASE.DATABASES.sales --registry " + reg_);
+  EXPECT_EQ(0, r.status) << r.err;
+  EXPECT_TRUE(json::accept(r.out)) << r.out;
+  for (const char *tool : {PRSRCTL_PATH, HVSCTL_PATH}) {
+    r = sh(std::string(tool) + " --registry " + reg_ + " --version");
+    EXPECT_EQ(0, r.status) << tool;
+    EXPECT_NE(std::string::npos, r.out.find("1.")) << r.out;
+    EXPECT_NE(std::string::npos, r.out.find("registry: " + reg_)) << r.out;
+  }
+}
+
 TEST_F(Prsrctl, ValuesThatAreNotUtf8ComeOutInJson) {
   ASSERT_EQ(0, sh(std::string(HVSCTL_PATH) + " --registry " + reg_ +
                   " set DATABASE.DATABASES.sales.DOMAIN --hex 6578ff00")
@@ -146,6 +167,8 @@ TEST_F(Prsrctl, ExitCodesTellFailuresApart) {
   drop(flag);
   drop(inst);
   const std::string missing = "sqlite:" + dir_.file("none/reg.db");
+  const std::string junk = dir_.file("junk.db");
+  std::ofstream(junk) << "not a registry at all\n";
 
   /* A writer kept out by another holder of a database's lock. */
   hvstest::RegistryEnv env(reg_);
@@ -173,6 +196,8 @@ TEST_F(Prsrctl, ExitCodesTellFailuresApart) {
       {"disable service -d '' -s x", 2, "--db"},
       {"frobnicate", 2, "frobnicate"},
       {"get enabled -d sales", 3, missing, missing},
+      /* ...saying why it cannot be opened, in the registry client's words. */
+      {"get enabled -d sales", 3, "file is not a database", junk},
       {"disable service -d sales -s sales.east", 3, "not written: " + inst + ": "},
       {"enable database -d salesdr", 4, "lock"},
       {"--json disable service -d hr -s hrapp", 9, "not written: " + flag + ": "},

@@ -22,6 +22,7 @@
 #include "hvsadm.h"
 #include "mp.h"
 #include "command.h"
+#include "hvs_location.h"
 #include "registry_file.h"
 #include "rsmgr.h"
 #include "trc.h"
@@ -251,10 +252,17 @@ int do_resources() {
 int main(int argc, char **argv) {
   CLI::App app{"hvsctl - administer the cluster registry"};
   app.require_subcommand(1);
+  // Global options count wherever they stand, before or after a command;
+  // the commands made below inherit this.
+  app.fallthrough();
   std::string registry;
   app.add_option("--registry", registry,
                  "registry location (sqlite:PATH, mem:NAME, zk://...); "
                  "overrides HVS_REGISTRY");
+  app.set_version_flag("--version", [&registry] {
+    return "hvsctl " HVSCTL_VERSION "\nregistry: " +
+           (registry.empty() ? hvs::resolve_location() : hvs::parse_location(registry)).text;
+  });
 
   bool replace = false;
   std::string import_file;

@@ -14,6 +14,7 @@
 #include <unistd.h>
 
 #include "hvs/backend.h"
+#include "wal_index.h"
 
 namespace hvs {
 namespace {
@@ -390,6 +391,31 @@ public:
   // The writes under an exclusive lock are one transaction (hvs/holds.h).
   bool batches_under_lock() const noexcept override { return true; }
 
+  // Changes are told by SQLite's WAL-index header (wal_index.h): any commit,
+  // by any connection of any process, moves it.
+  bool follow(ChangeSink *sink) override {
+    std::string why;
+    if (!wal_.open(db_, why))
+      return false; // not in WAL mode: no cache
+    sink_ = sink;
+    return true;
+  }
+
+  bool current() override {
+    // A transaction open on this connection: its pending writes are seen
+    // only through it.
+    if (sink_ == nullptr || !sqlite3_get_autocommit(db_))
+      return false;
+    WalIndex::Header now;
+    if (!wal_.read(now))
+      return false; // a writer is updating it, or it needs recovery
+    if (!(now == seen_)) {
+      sink_->changed_all();
+      seen_ = now;
+    }
+    return true;
+  }
+
 private:
   // Some failures (a full disk, an I/O error) make SQLite roll the whole
   // transaction back. What follows must not land on its own, outside it.
@@ -418,6 +444,9 @@ private:
   std::string loc_;
   sqlite3_stmt *stmts_[kStmtCount] = {};
   bool in_tx_ = false;
+  WalIndex wal_;
+  WalIndex::Header seen_{};
+  ChangeSink *sink_ = nullptr;
 };
 
 Status create_schema(sqlite3 *db, const std::string &loc) {
