@@ -108,6 +108,7 @@ TEST_F(Hvsctl, BadFilesAreRefusedWithTheirLine) {
       {"  {\"key\": \"A.B\"},\n  {\"key\": \"A.C\", \"value\": \"x\", \"value\": \"y\"}\n]}",
        "4: member \"value\" is given twice"},
       {"  {\"key\": \"A.B\"}\n],\n\"keys\": []}", "5: member \"keys\" is given twice"},
+      {"  {\"key\": \"A.B\"}\n],\n\"x\": {\"a\": 1,\n \"a\": 2}}", "6: member \"a\" is given twice"},
   };
   for (const auto &c : cases) {
     spit(file("bad.json"), head + c.body);

@@ -133,16 +133,13 @@ int do_restore(const std::string &file) {
   std::string meta_text;
   if (int rc = load_file(file, tree, &meta_text))
     return rc;
-  if (!meta_text.empty()) {
-    auto meta = nlohmann::json::parse(meta_text);
-    if (meta.contains("key_count") &&
-        meta["key_count"] != nlohmann::json(tree.size())) {
-      fmt::print(stderr,
-                 "hvsctl: restore: {} holds {} keys but its metadata says "
-                 "{}: the file is incomplete or was edited\n",
-                 file, tree.size(), meta["key_count"].dump());
-      return kInput;
-    }
+  if (std::string said = backup_count_mismatch(meta_text, tree.size());
+      !said.empty()) {
+    fmt::print(stderr,
+               "hvsctl: restore: {} holds {} keys but its metadata says "
+               "{}: the file is incomplete or was edited\n",
+               file, tree.size(), said);
+    return kInput;
   }
 
   Client c;
