@@ -6,6 +6,9 @@
 #include <chrono>
 #include <cstdlib>
 #include <cstring>
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
 
 namespace hvs::zk {
 namespace {
@@ -123,8 +126,45 @@ constexpr int kReadAttempts = 16;
 
 } // namespace
 
+namespace {
+
+// Reads the credential; refuses a file that others may read, as a
+// password there would be everybody's.
+void read_auth(Settings &s) {
+  const char *file = std::getenv("HVS_ZK_AUTH_FILE");
+  if (file == nullptr || *file == '\0')
+    return;
+  int fd = ::open(file, O_RDONLY | O_CLOEXEC | O_NOFOLLOW);
+  struct stat st {};
+  if (fd < 0 || ::fstat(fd, &st) != 0) {
+    s.auth_problem = std::string("HVS_ZK_AUTH_FILE ") + file + ": " + std::strerror(errno);
+    if (fd >= 0)
+      ::close(fd);
+    return;
+  }
+  char buf[1024];
+  ssize_t n = (st.st_mode & 0077) ? -1 : ::read(fd, buf, sizeof buf - 1);
+  ::close(fd);
+  if (st.st_mode & 0077) {
+    s.auth_problem = std::string("HVS_ZK_AUTH_FILE ") + file +
+                     ": readable or writable by others (chmod 600 it)";
+    return;
+  }
+  std::string text(buf, n > 0 ? std::size_t(n) : 0);
+  while (!text.empty() && (text.back() == '\n' || text.back() == '\r' || text.back() == ' '))
+    text.pop_back();
+  if (text.find(':') == std::string::npos || text.front() == ':' || text.find('\n') != std::string::npos)
+    s.auth_problem = std::string("HVS_ZK_AUTH_FILE ") + file +
+                     ": expected one line \"user:password\"";
+  else
+    s.auth = std::move(text);
+}
+
+} // namespace
+
 Settings Settings::from_env(const std::string &hosts) {
   Settings s;
+  read_auth(s);
   s.hosts = hosts;
   s.timeout_ms = int(env_number("HVS_ZK_TIMEOUT_MS", 8000, 100, 600000));
   s.session_ms = int(env_number("HVS_ZK_SESSION_MS", 6000, 1000, 600000));
@@ -204,20 +244,27 @@ std::string describe(int rc, const Settings &s) {
            std::to_string(s.session_ms) + " ms)";
   case ZCLOSING:
     return "ZooKeeper client for " + s.hosts + " is closing";
+  case ZNOAUTH:
+    return "not allowed by the access rights of the node on " + s.hosts +
+           (s.auth.empty() ? " (this client gives no credential: set HVS_ZK_AUTH_FILE)"
+                           : " (the credential of HVS_ZK_AUTH_FILE has no rights there)");
   default:
     return std::string("ZooKeeper error: ") + zerror(rc) + " (" +
            std::to_string(rc) + ")";
   }
 }
 
-void Session::on_event(zhandle_t *, int type, int state, const char *,
+void Session::on_event(zhandle_t *, int type, int state, const char *path,
                        void *ctx) {
   auto *self = static_cast<Session *>(ctx);
   bool connected = false;
   std::vector<std::function<void()>> expiry;
+  std::shared_ptr<const Listener> listener;
   {
     std::lock_guard lock(self->mu_);
+    listener = self->listener_;
     if (type == ZOO_SESSION_EVENT) {
+      self->up_.store(state == ZOO_CONNECTED_STATE, std::memory_order_release);
       if (state == ZOO_CONNECTED_STATE) {
         connected = self->state_ != ZOO_CONNECTED_STATE && !self->orphans_.empty();
         self->lost_at_ = {};
@@ -234,6 +281,8 @@ void Session::on_event(zhandle_t *, int type, int state, const char *,
     ++self->events_;
   }
   self->cv_.notify_all();
+  if (listener)
+    (*listener)(type, state, path);
   for (auto &fn : expiry)
     fn();
   if (connected)
@@ -243,6 +292,11 @@ void Session::on_event(zhandle_t *, int type, int state, const char *,
 std::shared_ptr<Session> Session::open(const Settings &s, int &rc,
                                        std::string &why) {
   quiet_client_log();
+  if (!s.auth_problem.empty()) {
+    rc = ZAUTHFAILED;
+    why = s.auth_problem;
+    return nullptr;
+  }
   const Deadline deadline = Budget::current(s.timeout());
   std::shared_ptr<Session> self(new Session(s));
   errno = 0;
@@ -265,7 +319,26 @@ std::shared_ptr<Session> Session::open(const Settings &s, int &rc,
           " answered within " + std::to_string(s.timeout_ms) + " ms";
     return nullptr;
   }
+  lock.unlock();
+  if (!s.auth.empty()) {
+    auto call = std::make_shared<Call>();
+    Holder *ctx = hold(call);
+    int submitted = zoo_add_auth(self->zh_, "digest", s.auth.data(), int(s.auth.size()),
+                                 void_done, ctx);
+    if (submitted != ZOK)
+      delete ctx;
+    rc = finish(submitted, call, deadline);
+    if (rc != ZOK) {
+      why = "ZooKeeper ensemble " + s.hosts + " refused the credential of HVS_ZK_AUTH_FILE (" +
+            zerror(rc) + ")";
+      return nullptr;
+    }
+  }
   return self;
+}
+
+const ACL_vector *Session::acl() const {
+  return settings_.auth.empty() ? &ZOO_OPEN_ACL_UNSAFE : &ZOO_CREATOR_ALL_ACL;
 }
 
 Session::~Session() {
@@ -276,6 +349,11 @@ Session::~Session() {
 int64_t Session::id() const {
   const clientid_t *cid = zh_ ? zoo_client_id(zh_) : nullptr;
   return cid ? cid->client_id : 0;
+}
+
+int Session::granted_ms() const {
+  int ms = zh_ != nullptr ? zoo_recv_timeout(zh_) : 0;
+  return ms > 0 ? ms : settings_.session_ms;
 }
 
 uint64_t Session::events() const {
@@ -305,6 +383,12 @@ bool Session::wait_connected(Deadline deadline) {
         Clock::now() >= until)
       return state_ == ZOO_CONNECTED_STATE && !expired_.load();
   }
+}
+
+void Session::on_change(Listener fn) {
+  auto listener = std::make_shared<const Listener>(std::move(fn));
+  std::lock_guard lock(mu_);
+  listener_ = std::move(listener);
 }
 
 void Session::on_expiry(std::function<void()> fn) {
@@ -340,11 +424,11 @@ template <class Submit> int Session::read(Submit &&submit) {
     rc = finish(submitted, call, deadline);                                    \
   } while (0)
 
-int Session::get(const std::string &path, std::string &data, bool &null) {
+int Session::get(const std::string &path, std::string &data, bool &null, bool watch) {
   return read([&](Deadline deadline) {
     auto call = std::make_shared<Call>();
     int rc;
-    HVS_ZK_SUBMIT(call, deadline, zoo_aget(zh_, path.c_str(), 0, data_done, ctx));
+    HVS_ZK_SUBMIT(call, deadline, zoo_aget(zh_, path.c_str(), watch, data_done, ctx));
     if (rc == ZOK) {
       std::lock_guard lock(call->mu);
       data = std::move(call->data);
@@ -354,12 +438,12 @@ int Session::get(const std::string &path, std::string &data, bool &null) {
   });
 }
 
-int Session::children(const std::string &path, std::vector<std::string> &out) {
+int Session::children(const std::string &path, std::vector<std::string> &out, bool watch) {
   return read([&](Deadline deadline) {
     auto call = std::make_shared<Call>();
     int rc;
     HVS_ZK_SUBMIT(call, deadline,
-                  zoo_aget_children(zh_, path.c_str(), 0, strings_done, ctx));
+                  zoo_aget_children(zh_, path.c_str(), watch, strings_done, ctx));
     if (rc == ZOK) {
       std::lock_guard lock(call->mu);
       out = std::move(call->strings);
@@ -379,14 +463,32 @@ int Session::watch_exists(const std::string &path, bool &exists) {
   return found == ZNONODE ? ZOK : found;
 }
 
+int Session::sync(const std::string &path) {
+  return read([&](Deadline deadline) {
+    auto synced = std::make_shared<Call>();
+    Holder *sync_ctx = hold(synced);
+    int rc = zoo_async(zh_, path.c_str(), string_done, sync_ctx);
+    if (rc != ZOK) {
+      delete sync_ctx;
+      return rc;
+    }
+    auto call = std::make_shared<Call>();
+    HVS_ZK_SUBMIT(call, deadline, zoo_aexists(zh_, path.c_str(), 0, stat_done, ctx));
+    // Completions run in the order of the answers: the sync's came first.
+    int synced_rc = finish(ZOK, synced, deadline);
+    if (synced_rc != ZOK)
+      return synced_rc;
+    return rc == ZNONODE ? ZOK : rc;
+  });
+}
+
 int Session::create(const std::string &path, const char *data, int len,
                     int mode, std::string *created) {
   const Deadline deadline = Budget::current(settings_.timeout());
   auto call = std::make_shared<Call>();
   int rc;
   HVS_ZK_SUBMIT(call, deadline,
-                zoo_acreate(zh_, path.c_str(), data, len, &ZOO_OPEN_ACL_UNSAFE,
-                            mode, string_done, ctx));
+                zoo_acreate(zh_, path.c_str(), data, len, acl(), mode, string_done, ctx));
   if (rc == ZOK && created != nullptr) {
     std::lock_guard lock(call->mu);
     *created = call->data;

@@ -29,13 +29,12 @@ extern "C" int32_t prsr_open_get_value(prsr_ctx *ctx, void *hvs_handle, const ch
   uint32_t len = kFirst;
   rc = read_text(hvs_handle, key.get(), &type, *value_out, &len);
   if (rc == HVS_ERR_SMALL_BUFFER) {
-    /* One byte beyond the reported size keeps even an unterminated value a
-     * text. */
     u_freem(meta, *value_out);
-    *value_out = static_cast<char *>(u_allocm(meta, uint64_t{len} + 1));
+    const uint32_t need = len;
+    *value_out = static_cast<char *>(u_allocm(meta, need));
     if (*value_out == nullptr) {
       trcprintf(comp, 0, "prsr_open_get_value: failed to allocate %d bytes",
-                static_cast<int>(len) + 1);
+                static_cast<int>(need));
       return PRSR_ERR_MEMORY;
     }
     rc = hvsapi_get_value(hvs_handle, key.get(), &type, *value_out, &len);
@@ -43,6 +42,13 @@ extern "C" int32_t prsr_open_get_value(prsr_ctx *ctx, void *hvs_handle, const ch
       prsr_report_hvs_failure(hvs_handle, comp, "prsr_open_get_value", "hvsapi_get_value", rc,
                               key_name);
       return rc;
+    }
+    /* The block is exactly the value: a value without its own NUL at the
+     * end is no text, and no caller may run off its end. */
+    if (len == 0 || len > need || (*value_out)[len - 1] != '\0') {
+      trcprintf(comp, 0, "prsr_open_get_value: value of key %s is not a text (%d bytes, no NUL)",
+                key_name, static_cast<int>(len));
+      return PRSR_ERR_REGISTRY;
     }
   } else if (rc != 0) {
     prsr_report_hvs_failure(hvs_handle, comp, "prsr_open_get_value", "hvsapi_get_value", rc,

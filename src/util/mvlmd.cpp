@@ -115,9 +115,7 @@ extern "C" int32_t u_mvlmd(void *, uintptr_t comp, int32_t with_vlm) {
     rsmgr_reslist_destroy(&outcome);
   if (list != nullptr)
     rsmgr_reslist_destroy(&list);
-  /* A resource that never reached the list has no owner but us. */
-  if (res != nullptr)
-    rsmgr_res_destroy(res);
+  /* A resource that never reached the list goes with the client. */
   if (client != nullptr)
     rsmgr_term_rsm(&client);
   return result;

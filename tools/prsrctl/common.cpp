@@ -6,6 +6,7 @@
 #include "hvs_location.h"
 #include "lks.h"
 #include "prsrctl.h"
+#include "hvsapi.h"
 #include "../common/json_text.h"
 
 namespace prsrctl {
@@ -21,11 +22,23 @@ Session::Session(const Globals &) {
     return;
   ctx_ = nullptr;
   switch (rc) {
-  case PRSR_ERR_REGISTRY:
-    std::cerr << "prsrctl: cannot open the registry at " << registry_location()
-              << " (does it exist? create it with 'hvsctl import FILE')\n";
+  case PRSR_ERR_REGISTRY: {
+    // The library does not pass the registry client's reason on; the client
+    // keeps it for this thread as the last error of a call without a handle.
+    char why[1024] = "";
+    uint32_t code = 0, len = sizeof why;
+    hvsapi_get_last_error(nullptr, &code, why, &len);
+    std::string reason = why[0] != '\0' ? why : "no reason given";
+    if (reason.starts_with(registry_location() + ": "))
+      reason.erase(0, registry_location().size() + 2);
+    const bool missing = code == HVS_ERR_UNREACHABLE &&
+                         (reason.find("No such file") != std::string::npos ||
+                          reason.find("no registry under") != std::string::npos);
+    std::cerr << "prsrctl: cannot open the registry at " << registry_location() << ": " << reason
+              << (missing ? " (create it with 'hvsctl import FILE')" : "") << "\n";
     error_ = kRegistry;
     break;
+  }
   case PRSR_ERR_LOCK:
     std::cerr << "prsrctl: the lock service for " << registry_location()
               << " could not be started: " << lks_status_text(&status_) << "\n";

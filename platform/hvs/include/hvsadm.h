@@ -49,6 +49,20 @@ int32_t hvsadm_walk(void *handle, const char *name, hvsadm_walk_fn fn,
 int32_t hvsadm_get_property(void *handle, const char *name, char *value, uint32_t *len);
 int32_t hvsadm_set_property(void *handle, const char *name, const char *value);
 
+/* The cache of a client handle (hvsapi_init_ext; docs/cache.md): what it
+ * holds now, its bound in bytes, and its answers since the handle was
+ * opened. HVS_ERR_ARGUMENT for a handle that keeps no cache (HVS_CACHE=off,
+ * an engine that cannot tell changes, an administration handle). */
+typedef struct hvsadm_cache_info {
+  uint64_t entries;   /* keys held (a key and its subkey list count once) */
+  uint64_t bytes;     /* bytes they take, bookkeeping included */
+  uint64_t limit;     /* HVS_CACHE_MB in bytes */
+  uint64_t hits;      /* opens and subkey lists answered from memory */
+  uint64_t misses;    /* ... sent to the engine while the cache was usable */
+  uint64_t evictions; /* entries pushed out by the bound */
+} hvsadm_cache_info;
+int32_t hvsadm_cache_stats(void *handle, hvsadm_cache_info *out);
+
 #ifdef __cplusplus
 }
 #endif

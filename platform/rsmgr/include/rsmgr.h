@@ -60,16 +60,14 @@ extern "C" {
 /* Starts a client: *ctx_out receives its context. a and b must be NULL;
  * flags are accepted and not interpreted. */
 int32_t rsmgr_init_rsm(void **ctx_out, void *a, void *b, uint32_t flags);
-/* Ends a client and sets *ctx to NULL. Lists and resources must be
- * destroyed before. */
+/* Ends a client and sets *ctx to NULL. Lists must be destroyed before; a
+ * resource that never went into a list is freed with the client. */
 int32_t rsmgr_term_rsm(void **ctx);
 
 /* A new resource object without attributes. */
 int32_t rsmgr_res_create(void *ctx, const char *name, void **res_out);
 /* Sets (or replaces) one attribute of a resource object. */
 int32_t rsmgr_res_set_attr(void *res, const char *name, const char *value);
-/* Releases a resource object that is in no list. */
-int32_t rsmgr_res_destroy(void *res);
 /* The resource's name. */
 const char *rsmgr_res_name(void *res);
 /* The outcome of the registration a resource of an outcome list stands

@@ -7,6 +7,7 @@
 #include <memory>
 #include <new>
 #include <sqlite3.h>
+#include <set>
 #include <string>
 #include <utility>
 #include <vector>
@@ -82,14 +83,16 @@ FailPlan read_fail_plan() {
   return plan;
 }
 
+struct Resource;
+
 struct Client {
   sqlite3 *db = nullptr;
   std::string path;
   FailPlan fail;
-  ~Client() {
-    if (db != nullptr)
-      sqlite3_close_v2(db);
-  }
+  // Resources made and not (yet) given to a list: the client owns them and
+  // frees them when it ends, as its callers have no operation to.
+  std::set<Resource *> loose;
+  ~Client();
   bool inject(Op op) {
     long n = ++fail.calls[op];
     return n <= fail.left[op] || n == fail.at[op];
@@ -108,6 +111,13 @@ struct ResList {
   Client *client;
   std::vector<std::unique_ptr<Resource>> items;
 };
+
+Client::~Client() {
+  for (Resource *r : loose)
+    delete r;
+  if (db != nullptr)
+    sqlite3_close_v2(db);
+}
 
 bool store_path(std::string &out) {
   const char *env = std::getenv("HVS_RSM_STORE");
@@ -242,10 +252,13 @@ RSMGR_EXPORT int32_t rsmgr_res_create(void *ctx, const char *name, void **res_ou
   auto *c = static_cast<Client *>(ctx);
   if (c->inject(kCreate))
     return RSMGR_ERR_INJECTED;
-  auto *r = new (std::nothrow) Resource{c, name, {}, 0, {}};
-  if (r == nullptr)
+  try {
+    auto r = std::make_unique<Resource>(Resource{c, name, {}, 0, {}});
+    c->loose.insert(r.get());
+    *res_out = r.release();
+  } catch (const std::bad_alloc &) {
     return RSMGR_ERR_MEMORY;
-  *res_out = r;
+  }
   return RSMGR_OK;
 }
 
@@ -267,13 +280,6 @@ RSMGR_EXPORT int32_t rsmgr_res_set_attr(void *res, const char *name, const char 
   } catch (const std::bad_alloc &) {
     return RSMGR_ERR_MEMORY;
   }
-}
-
-RSMGR_EXPORT int32_t rsmgr_res_destroy(void *res) {
-  if (res == nullptr)
-    return RSMGR_ERR_ARGUMENT;
-  delete static_cast<Resource *>(res);
-  return RSMGR_OK;
 }
 
 RSMGR_EXPORT const char *rsmgr_res_name(void *res) {
@@ -312,12 +318,14 @@ RSMGR_EXPORT int32_t rsmgr_reslist_append(void *list, void *res) {
   auto *l = static_cast<ResList *>(list);
   if (l->client->inject(kAppend))
     return RSMGR_ERR_INJECTED;
+  auto *r = static_cast<Resource *>(res);
   try {
-    l->items.emplace_back(static_cast<Resource *>(res));
-    return RSMGR_OK;
+    l->items.emplace_back(r);
   } catch (const std::bad_alloc &) {
-    return RSMGR_ERR_MEMORY; // the resource stays the caller's
+    return RSMGR_ERR_MEMORY; // the resource stays with the client
   }
+  r->client->loose.erase(r);
+  return RSMGR_OK;
 }
 
 RSMGR_EXPORT int32_t rsmgr_reslist_first(void *list, void **res_out) {
