@@ -96,7 +96,20 @@ int report(int32_t rc, const std::string &what, lks_status *status) {
   }
 }
 
-void emit(const nlohmann::json &doc) { std::cout << tools::dump_safe(doc, 2) << "\n"; }
+namespace {
+nlohmann::json with_schema(const nlohmann::json &doc) {
+  nlohmann::json out = doc;
+  if (out.is_object())
+    out["schema"] = kSchema;
+  return out;
+}
+} // namespace
+
+void emit(const nlohmann::json &doc) { std::cout << tools::dump_safe(with_schema(doc), 2) << "\n"; }
+
+void emit_line(const nlohmann::json &doc) {
+  std::cout << tools::dump_safe(with_schema(doc)) << std::endl;
+}
 
 std::vector<Registrar> &families() {
   static std::vector<Registrar> all;
@@ -109,6 +122,7 @@ CLI::App *group(CLI::App &app, const std::string &name) {
     return found.front();
   static const std::map<std::string, std::string> about = {
       {"config", "Show a whole configuration: database, service, vlm, nodeapps"},
+      {"watch", "Print every change to a database, service or node's applications as it happens"},
       {"get", "Read one value: enabled, role, instance, spname, domain"},
       {"set", "Change one value: role"},
       {"enable", "Enable a database, instance, service or service instance"},

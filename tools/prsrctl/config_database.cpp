@@ -60,11 +60,6 @@ std::string joined(char **table, uint32_t count, const char *sep = ", ") {
   return out.empty() ? "-" : out;
 }
 
-std::string lower(std::string s) {
-  std::transform(s.begin(), s.end(), s.begin(), [](unsigned char c) { return std::tolower(c); });
-  return s;
-}
-
 /* Whether a registry key exists, asked of the registry directly: used only
  * to tell "not found" from other failures where the library answers 3. */
 bool key_exists(const std::string &name) {

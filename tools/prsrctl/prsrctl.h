@@ -22,6 +22,7 @@ using enum tools::Exit;
 
 struct Globals {
   bool json = false;
+  bool explain = false; /* prsrctl explain COMMAND: a dry run, recorded */
   int verbose = 0;
   std::string registry;
 };
@@ -85,8 +86,46 @@ inline const CLI::Validator kNonEmpty(
     [](std::string &name) { return name.empty() ? std::string("the name is empty") : std::string(); },
     "");
 
-/* Writes one JSON document to stdout. */
+/* Writes one JSON document to stdout, with "schema": kSchema in it when it
+ * is an object (docs/json-schema.md); emit_line() writes it on one line. */
+inline constexpr int kSchema = 1;
 void emit(const nlohmann::json &doc);
+void emit_line(const nlohmann::json &doc);
+
+/* One call to the registry client or the lock service, as the client
+ * recorded it (hvsadm_record): every session prsrctl opens is recorded. */
+struct Call {
+  int kind = 0;       /* HVSADM_CALL_* */
+  int32_t result = 0; /* the call's result code */
+  std::string name;   /* key or lock */
+  std::string value;  /* READ, WRITE: the bytes; LIST: subkeys, NUL after each */
+  bool exclusive = false;
+  bool dry = false;   /* a write not written, a lock not taken */
+};
+
+/* Starts recording (dry: explain's dry run); sessions and client handles
+ * opened from then on are recorded. A restart leaves out what was opened
+ * before it. */
+void start_recording(bool dry);
+/* The calls recorded so far, and forgetting them. */
+std::vector<Call> recorded_calls();
+void forget_recorded_calls();
+/* A call as a JSON object, and as one line of text. */
+nlohmann::json call_json(const Call &c);
+std::string call_text(const Call &c);
+
+/* The keys under `under` (a full key name) that the calls found absent, or
+ * could not read, with what the record holds instead: a list of
+ *   {"key": KEY below `under`, "used": VALUE, "reason": "absent"|"unreadable"}
+ * where used(components of KEY) finds the record's value (null: nothing). */
+nlohmann::json defaults_of(const std::vector<Call> &calls, const std::string &under,
+                           const std::function<nlohmann::json(const std::vector<std::string> &)> &used);
+/* The same list for the readable report, under a heading. */
+void print_defaults(const nlohmann::json &defaults);
+/* A record's member for a key's last component ("POLICY" -> "policy"). */
+nlohmann::json member_for(const nlohmann::json &record, const std::string &component);
+/* Lower case, for names compared as the library compares them. */
+std::string lower(std::string s);
 
 /* The group subcommand ("config", "get", "set", "enable", "disable") under
  * which a family adds its commands; made on first use. */

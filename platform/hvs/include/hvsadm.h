@@ -63,6 +63,43 @@ typedef struct hvsadm_cache_info {
 } hvsadm_cache_info;
 int32_t hvsadm_cache_stats(void *handle, hvsadm_cache_info *out);
 
+/* Waits for a change to the registry as the cache of a client handle learns
+ * of it: a commit anywhere on SQLite, a watch fired on a key this handle
+ * read on ZooKeeper. *seen is the count of changes a previous call gave (0
+ * before the first: the call then returns at once). HVS_OK: the count moved
+ * and *seen holds it now; HVS_ERR_NO_MORE: timeout_ms passed first;
+ * HVS_ERR_ARGUMENT: the handle keeps no cache (see hvsadm_cache_stats). */
+int32_t hvsadm_wait_change(void *handle, uint64_t *seen, uint32_t timeout_ms);
+
+/* Recording. While a recorder is set, every call of a client handle opened
+ * since is handed to it once done, and so is every lock call of the lock
+ * service: what the program asked of the registry, in order. With
+ * HVSADM_RECORD_DRY_RUN the writes of those handles are recorded and
+ * answered with success without being written (a later open of the key on
+ * such a handle reads the value as if written), and the lock service grants
+ * every lock at once without taking it. hvsadm_record(NULL, NULL, 0) ends
+ * it and forgets the unwritten values. The recorder runs on the calling
+ * thread; it must not call the registry client. */
+#define HVSADM_CALL_OPEN 1   /* hvsapi_open_key: key; result */
+#define HVSADM_CALL_READ 2   /* hvsapi_get_value: key; the value read */
+#define HVSADM_CALL_LIST 3   /* first hvsapi_enum_subkey of a key: the
+                                subkeys, each followed by a NUL */
+#define HVSADM_CALL_WRITE 4  /* hvsapi_set_value: key; the value */
+#define HVSADM_CALL_LOCK 5   /* lksmutexlock/lksshrlock: the lock's name */
+#define HVSADM_CALL_UNLOCK 6 /* lksunlock */
+#define HVSADM_RECORD_DRY_RUN 1
+typedef struct hvsadm_call {
+  int32_t kind;       /* HVSADM_CALL_* */
+  int32_t result;     /* the call's result code (a lock: the service's) */
+  const char *name;   /* the key or the lock */
+  const void *value;  /* READ, WRITE, LIST: the bytes; NULL otherwise */
+  uint32_t len;
+  int32_t exclusive;  /* LOCK: 1 exclusive, 0 shared */
+  int32_t dry;        /* WRITE not written, LOCK not taken */
+} hvsadm_call;
+typedef void (*hvsadm_record_fn)(void *arg, const hvsadm_call *call);
+int32_t hvsadm_record(hvsadm_record_fn fn, void *arg, int32_t flags);
+
 #ifdef __cplusplus
 }
 #endif

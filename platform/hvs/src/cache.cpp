@@ -263,19 +263,36 @@ void Store::put_kids(uint64_t ticket, std::string_view name, const std::vector<s
 
 void Store::changed(std::string_view key) {
   const uint64_t hash = hash_of(key);
-  std::lock_guard lock(mu_);
-  ++seq_;
-  if (std::size_t i = find(key, hash); i != kNone)
-    erase_at(i);
+  {
+    std::lock_guard lock(mu_);
+    ++seq_;
+    if (std::size_t i = find(key, hash); i != kNone)
+      erase_at(i);
+  }
+  moved_.notify_all();
 }
 
 // Everything is void at once; the entries' memory goes as they are put
 // again or taken by the clock, so that this costs the same whatever the
 // size.
 void Store::changed_all() {
+  {
+    std::lock_guard lock(mu_);
+    ++seq_;
+    ++gen_;
+  }
+  moved_.notify_all();
+}
+
+uint64_t Store::reported() const {
   std::lock_guard lock(mu_);
-  ++seq_;
-  ++gen_;
+  return seq_;
+}
+
+uint64_t Store::wait_past(uint64_t seen, std::chrono::milliseconds timeout) {
+  std::unique_lock lock(mu_);
+  moved_.wait_for(lock, timeout, [&] { return seq_ != seen; });
+  return seq_;
 }
 
 hvsadm_cache_info Store::stats() const {
@@ -332,6 +349,34 @@ public:
   ~Cached() override = default;
   Cached(const Cached &) = delete;
   Cached &operator=(const Cached &) = delete;
+
+  // Engines that learn of changes only when asked (SQLite's WAL-index
+  // header) are asked again after this long; those that are told (ZooKeeper
+  // watches) wake the waiter at once.
+  static constexpr std::chrono::milliseconds kAskEvery{200};
+
+  int32_t wait_change(std::mutex &mu, uint64_t &seen, std::chrono::milliseconds timeout) {
+    if (!caching_)
+      return HVS_ERR_ARGUMENT;
+    const auto deadline = std::chrono::steady_clock::now() + timeout;
+    for (;;) {
+      {
+        std::lock_guard lock(mu);
+        if (!in_tx_)
+          engine_->current(); // reports what the engine learnt since
+      }
+      const uint64_t now_seen = store_.reported();
+      if (now_seen != seen) {
+        seen = now_seen;
+        return HVS_OK;
+      }
+      const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(
+          deadline - std::chrono::steady_clock::now());
+      if (left.count() <= 0)
+        return HVS_ERR_NO_MORE;
+      store_.wait_past(seen, std::min(left, kAskEvery));
+    }
+  }
 
   bool stats(hvsadm_cache_info &out) const {
     if (!caching_)
@@ -513,6 +558,12 @@ std::unique_ptr<Backend> wrap(std::unique_ptr<Backend> engine, const std::string
 bool stats_of(Backend &backend, hvsadm_cache_info &out) {
   auto *c = dynamic_cast<Cached *>(&backend);
   return c != nullptr && c->stats(out);
+}
+
+int32_t wait_change(Backend &backend, std::mutex &mu, uint64_t &seen,
+                    std::chrono::milliseconds timeout) {
+  auto *c = dynamic_cast<Cached *>(&backend);
+  return c == nullptr ? HVS_ERR_ARGUMENT : c->wait_change(mu, seen, timeout);
 }
 
 } // namespace hvs::cache

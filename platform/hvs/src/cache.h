@@ -15,6 +15,8 @@
 #define HVS_CACHE_H
 
 #include <cstddef>
+#include <chrono>
+#include <condition_variable>
 #include <cstdint>
 #include <memory>
 #include <mutex>
@@ -63,6 +65,11 @@ public:
 
   hvsadm_cache_info stats() const;
 
+  // How many changes were reported so far; waits until that count is no
+  // longer seen or timeout passes, and gives the count then.
+  uint64_t reported() const;
+  uint64_t wait_past(uint64_t seen, std::chrono::milliseconds timeout);
+
 private:
   struct Entry;
   struct Slot {
@@ -79,6 +86,7 @@ private:
   void trim(const Entry *kept) noexcept;
 
   mutable std::mutex mu_;
+  std::condition_variable moved_; // seq_ moved
   std::vector<Slot> slots_; // a power of two long, at most half full
   std::size_t count_ = 0;
   std::size_t hand_ = 0;
@@ -98,6 +106,14 @@ std::unique_ptr<Backend> wrap(std::unique_ptr<Backend> engine, const std::string
 
 // The statistics of a handle's cache; false when it has none.
 bool stats_of(Backend &backend, hvsadm_cache_info &out);
+
+// hvsadm_wait_change() on a handle's engine: mu is the handle's lock, taken
+// only to ask the engine whether it is current (which reports what it
+// learnt), never while waiting. HVS_OK when the count of reported changes
+// is no longer *seen (then *seen receives it), HVS_ERR_NO_MORE when timeout
+// passed first, HVS_ERR_ARGUMENT when the handle keeps no cache.
+int32_t wait_change(Backend &backend, std::mutex &mu, uint64_t &seen,
+                    std::chrono::milliseconds timeout);
 
 } // namespace hvs::cache
 

@@ -14,6 +14,7 @@
 #include "holds_table.h"
 #include "hvs/backend.h"
 #include "hvsadm.h"
+#include "hvs/holds.h"
 
 namespace {
 
@@ -54,7 +55,59 @@ struct Handle {
   uint64_t serial = 0;
   std::shared_ptr<Core> core;
   std::string location;
+  uint64_t recording = 0; // the recording it was opened in (hvsadm_record); 0: none
 };
+
+// The process's recorder (hvsadm_record). Each hvsadm_record() that sets
+// one starts a new recording; handles opened during it are recorded.
+struct Recorder {
+  std::mutex mu;
+  hvsadm_record_fn fn = nullptr;
+  void *arg = nullptr;
+  bool dry = false;
+  uint64_t number = 0;
+  std::unordered_map<std::string, std::string> unwritten; // dry writes by key
+};
+Recorder g_recorder;
+
+// Whether h is recorded now, and the recorder to call.
+bool recorded(const Handle *h, hvsadm_record_fn &fn, void *&arg, bool *dry = nullptr) {
+  if (h->recording == 0)
+    return false;
+  std::lock_guard lock(g_recorder.mu);
+  if (g_recorder.fn == nullptr || g_recorder.number != h->recording)
+    return false;
+  fn = g_recorder.fn;
+  arg = g_recorder.arg;
+  if (dry != nullptr)
+    *dry = g_recorder.dry;
+  return true;
+}
+
+void note(const Handle *h, int32_t kind, int32_t result, const std::string &name,
+          std::string_view value = {}, bool dry = false) {
+  hvsadm_record_fn fn = nullptr;
+  void *arg = nullptr;
+  if (!recorded(h, fn, arg))
+    return;
+  hvsadm_call call{};
+  call.kind = kind;
+  call.result = result;
+  call.name = name.c_str();
+  call.value = value.empty() && kind != HVSADM_CALL_READ && kind != HVSADM_CALL_WRITE
+                   ? nullptr
+                   : value.data();
+  call.len = uint32_t(value.size());
+  call.dry = dry ? 1 : 0;
+  fn(arg, &call);
+}
+
+bool dry_handle(const Handle *h) {
+  hvsadm_record_fn fn = nullptr;
+  void *arg = nullptr;
+  bool dry = false;
+  return recorded(h, fn, arg, &dry) && dry;
+}
 
 struct Key {
   uint64_t magic = kKeyMagic;
@@ -197,6 +250,11 @@ int32_t open_handle(void **handle_out, bool create, bool client, char *msg,
   h->serial = ++g_serial;
   h->core->backend = std::move(backend);
   h->location = loc.text;
+  if (client) {
+    std::lock_guard lock(g_recorder.mu);
+    if (g_recorder.fn != nullptr)
+      h->recording = g_recorder.number;
+  }
   *handle_out = h;
   if (msg_len != nullptr)
     *msg_len = copy_text(msg, *msg_len, std::string());
@@ -292,6 +350,49 @@ uint32_t type_of(const void *bytes, uint32_t len) {
              : HVS_TYPE_BINARY;
 }
 
+// The write itself: tied to the lock it is made under, if any.
+int32_t write_value(Handle *h, Key *k, uint32_t type, std::string_view v) {
+  // A write under a lock is tied to the lock (hvs/holds.h).
+  std::shared_ptr<hvs::holds::Hold> hold;
+  try {
+    hold = hvs::holds::covering(k->data.path);
+  } catch (const std::bad_alloc &) {
+    return record(h->serial, HVS_ERR_MEMORY, h->location + ": out of memory");
+  }
+  if (hold && hold->lost)
+    return record(h->serial, HVS_ERR_LOCK_LOST,
+                  h->location + ": write of key " + k->data.path + " refused: lock " +
+                      hold->lock +
+                      " was lost (its session with the lock service ended); nothing was written");
+  std::shared_ptr<Core> core = h->core;
+  try {
+    std::unique_lock lock(core->mu);
+    if (core->held_tx && core->tx_thread != std::this_thread::get_id() &&
+        !core->tx_over.wait_for(lock, kTransactionWait, [&] { return !core->held_tx; }))
+      return record(h->serial, HVS_ERR_ENGINE,
+                    h->location + ": write of key " + k->data.path +
+                        " refused: another thread's writes under a lock kept the handle for " +
+                        std::to_string(kTransactionWait.count()) + " s");
+    Backend &b = *core->backend;
+    Status st;
+    if (hold && hold->exclusive && b.batches_under_lock())
+      st = join_held_tx(core, hold);
+    if (st.ok())
+      st = hold ? b.set_value_fenced(k->data, type, v, hold->fence)
+                : b.set_value(k->data, type, v);
+    if (!st.ok())
+      return record(h, st);
+    k->data.value.assign(v);
+    k->data.has_value = true;
+    k->data.type = type;
+    return HVS_OK;
+  } catch (const std::bad_alloc &) {
+    return record(h->serial, HVS_ERR_MEMORY, h->location + ": out of memory");
+  } catch (const std::exception &e) {
+    return record(h->serial, HVS_ERR_ENGINE, h->location + ": " + e.what());
+  }
+}
+
 } // namespace
 
 extern "C" {
@@ -345,6 +446,23 @@ int32_t hvsapi_open_key(void *handle, void **key_out, const char *name) {
     return record(h->serial, HVS_ERR_MEMORY, h->location + ": out of memory");
   int32_t rc =
       guarded(h, [&](Backend &b) { return b.open_key(sv, k->data); });
+  if (h->recording != 0) {
+    try {
+      if (rc == HVS_OK && dry_handle(h)) { // a dry write reads back as written
+        std::lock_guard lock(g_recorder.mu);
+        auto it = g_recorder.unwritten.find(k->data.path);
+        if (it != g_recorder.unwritten.end()) {
+          k->data.value = it->second;
+          k->data.has_value = true;
+          k->data.type = type_of(it->second.data(), uint32_t(it->second.size()));
+        }
+      }
+      note(h, HVSADM_CALL_OPEN, rc, name);
+    } catch (const std::bad_alloc &) {
+      give_key(k);
+      return record(h->serial, HVS_ERR_MEMORY, h->location + ": out of memory");
+    }
+  }
   if (rc != HVS_OK) {
     give_key(k);
     return rc;
@@ -375,6 +493,13 @@ int32_t hvsapi_get_value(void *handle, void *key, uint32_t *type, void *buf,
   if (type == nullptr || len == nullptr || (buf == nullptr && *len != 0))
     return bad_arg(h, "hvsapi_get_value", "NULL output pointer");
   const std::string &v = k->data.value;
+  if (h->recording != 0) {
+    try {
+      note(h, HVSADM_CALL_READ, v.size() > *len ? HVS_ERR_SMALL_BUFFER : HVS_OK, k->data.path, v);
+    } catch (const std::bad_alloc &) {
+      return record(h->serial, HVS_ERR_MEMORY, h->location + ": out of memory");
+    }
+  }
   if (v.size() > UINT32_MAX)
     return record(h->serial, HVS_ERR_TOO_LARGE,
                   h->location + ": value of more than 4 GiB");
@@ -404,45 +529,27 @@ int32_t hvsapi_set_value(void *handle, void *key, uint32_t type,
   if (bytes == nullptr && len != 0)
     return bad_arg(h, "hvsapi_set_value", "NULL value");
   std::string_view v(static_cast<const char *>(bytes), bytes ? len : 0);
-  // A write under a lock is tied to the lock (hvs/holds.h).
-  std::shared_ptr<hvs::holds::Hold> hold;
-  try {
-    hold = hvs::holds::covering(k->data.path);
-  } catch (const std::bad_alloc &) {
-    return record(h->serial, HVS_ERR_MEMORY, h->location + ": out of memory");
+  if (h->recording != 0) {
+    try {
+      if (dry_handle(h)) { // recorded, kept for this process's reads, not written
+        {
+          std::lock_guard lock(g_recorder.mu);
+          g_recorder.unwritten[k->data.path].assign(v);
+        }
+        note(h, HVSADM_CALL_WRITE, HVS_OK, k->data.path, v, true);
+        k->data.value.assign(v);
+        k->data.has_value = true;
+        k->data.type = type;
+        return HVS_OK;
+      }
+      int32_t rc = write_value(h, k, type, v);
+      note(h, HVSADM_CALL_WRITE, rc, k->data.path, v);
+      return rc;
+    } catch (const std::bad_alloc &) {
+      return record(h->serial, HVS_ERR_MEMORY, h->location + ": out of memory");
+    }
   }
-  if (hold && hold->lost)
-    return record(h->serial, HVS_ERR_LOCK_LOST,
-                  h->location + ": write of key " + k->data.path + " refused: lock " +
-                      hold->lock +
-                      " was lost (its session with the lock service ended); nothing was written");
-  std::shared_ptr<Core> core = h->core;
-  try {
-    std::unique_lock lock(core->mu);
-    if (core->held_tx && core->tx_thread != std::this_thread::get_id() &&
-        !core->tx_over.wait_for(lock, kTransactionWait, [&] { return !core->held_tx; }))
-      return record(h->serial, HVS_ERR_ENGINE,
-                    h->location + ": write of key " + k->data.path +
-                        " refused: another thread's writes under a lock kept the handle for " +
-                        std::to_string(kTransactionWait.count()) + " s");
-    Backend &b = *core->backend;
-    Status st;
-    if (hold && hold->exclusive && b.batches_under_lock())
-      st = join_held_tx(core, hold);
-    if (st.ok())
-      st = hold ? b.set_value_fenced(k->data, type, v, hold->fence)
-                : b.set_value(k->data, type, v);
-    if (!st.ok())
-      return record(h, st);
-    k->data.value.assign(v);
-    k->data.has_value = true;
-    k->data.type = type;
-    return HVS_OK;
-  } catch (const std::bad_alloc &) {
-    return record(h->serial, HVS_ERR_MEMORY, h->location + ": out of memory");
-  } catch (const std::exception &e) {
-    return record(h->serial, HVS_ERR_ENGINE, h->location + ": " + e.what());
-  }
+  return write_value(h, k, type, v);
 }
 
 int32_t hvsapi_enum_subkey(void *handle, void *key, char *name, uint32_t *len,
@@ -459,6 +566,16 @@ int32_t hvsapi_enum_subkey(void *handle, void *key, char *name, uint32_t *len,
   if (first) {
     int32_t rc =
         guarded(h, [&](Backend &b) { return b.children(k->data, k->kids); });
+    if (h->recording != 0) {
+      try {
+        std::string all;
+        for (const auto &kid : k->kids)
+          all.append(kid).push_back('\0');
+        note(h, HVSADM_CALL_LIST, rc, k->data.path, all);
+      } catch (const std::bad_alloc &) {
+        return record(h->serial, HVS_ERR_MEMORY, h->location + ": out of memory");
+      }
+    }
     if (rc != HVS_OK)
       return rc;
     k->listed = true;
@@ -647,6 +764,64 @@ int32_t hvsadm_cache_stats(void *handle, hvsadm_cache_info *out) {
   if (!hvs::cache::stats_of(*h->core->backend, *out))
     return bad_arg(h, "hvsadm_cache_stats", "this handle keeps no cache");
   return HVS_OK;
+}
+
+int32_t hvsadm_wait_change(void *handle, uint64_t *seen, uint32_t timeout_ms) {
+  Handle *h = as_handle(handle);
+  if (h == nullptr)
+    return bad_handle("hvsadm_wait_change");
+  if (seen == nullptr)
+    return bad_arg(h, "hvsadm_wait_change", "NULL count");
+  std::shared_ptr<Core> core = h->core;
+  int32_t rc;
+  try {
+    rc = hvs::cache::wait_change(*core->backend, core->mu, *seen,
+                                 std::chrono::milliseconds(timeout_ms));
+  } catch (const std::exception &e) {
+    return record(h->serial, HVS_ERR_ENGINE, h->location + ": " + e.what());
+  }
+  if (rc == HVS_ERR_ARGUMENT)
+    return bad_arg(h, "hvsadm_wait_change", "this handle keeps no cache, so it learns of no change");
+  if (rc == HVS_ERR_NO_MORE)
+    return record(h->serial, rc, h->location + ": no change within the time given");
+  return rc;
+}
+
+int32_t hvsadm_record(hvsadm_record_fn fn, void *arg, int32_t flags) {
+  std::lock_guard lock(g_recorder.mu);
+  g_recorder.fn = fn;
+  g_recorder.arg = fn != nullptr ? arg : nullptr;
+  g_recorder.dry = fn != nullptr && (flags & HVSADM_RECORD_DRY_RUN) != 0;
+  g_recorder.unwritten.clear();
+  if (fn != nullptr)
+    ++g_recorder.number;
+  return HVS_OK;
+}
+
+__attribute__((visibility("default"))) void hvs_hold_record(const char *lock_name, int unlock,
+                                                            int exclusive, int32_t result,
+                                                            int dry) {
+  hvsadm_record_fn fn;
+  void *arg;
+  {
+    std::lock_guard lock(g_recorder.mu);
+    fn = g_recorder.fn;
+    arg = g_recorder.arg;
+  }
+  if (fn == nullptr || lock_name == nullptr)
+    return;
+  hvsadm_call call{};
+  call.kind = unlock ? HVSADM_CALL_UNLOCK : HVSADM_CALL_LOCK;
+  call.result = result;
+  call.name = lock_name;
+  call.exclusive = exclusive ? 1 : 0;
+  call.dry = dry ? 1 : 0;
+  fn(arg, &call);
+}
+
+__attribute__((visibility("default"))) int hvs_hold_dry_run(void) {
+  std::lock_guard lock(g_recorder.mu);
+  return g_recorder.fn != nullptr && g_recorder.dry ? 1 : 0;
 }
 
 } // extern "C"

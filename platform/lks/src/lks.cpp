@@ -89,6 +89,7 @@ struct Service {
   struct Held {
     lks::Token token;
     hvs_hold *hold;
+    bool dry; // granted in a dry run (hvsadm_record): nothing taken
   };
   std::multimap<std::string, Held, std::less<>> held;
 };
@@ -112,10 +113,22 @@ int32_t lock(lks_status *st, void *handle, const char *name, lks::Mode mode) {
   Service *svc = service_of(handle);
   if (svc == nullptr || name == nullptr)
     return report(st, LKS_ERR_ARGUMENT, 0, "lock: %s", svc ? "NULL name" : "not a lock handle");
+  const bool exclusive = mode == lks::Mode::Exclusive;
   try {
     std::string key(name);
+    if (hvs_hold_dry_run()) {
+      // A dry run asks the registry nothing and waits for no one: the lock
+      // is noted and granted without being taken.
+      {
+        std::lock_guard<std::mutex> guard(svc->mutex);
+        svc->held.emplace(std::move(key), Service::Held{0, nullptr, true});
+      }
+      hvs_hold_record(name, 0, exclusive, LKS_OK, 1);
+      return succeed(st);
+    }
     lks::Token token = 0;
     lks::Outcome o = svc->engine->acquire(key, mode, svc->timeout, &token);
+    hvs_hold_record(name, 0, exclusive, o.code, 0);
     if (o.code != 0)
       return report_outcome(st, o);
     // Writes made under the lock from here on are tied to it.
@@ -124,7 +137,7 @@ int32_t lock(lks_status *st, void *handle, const char *name, lks::Mode mode) {
     svc->engine->attach(token, hold);
     try {
       std::lock_guard<std::mutex> guard(svc->mutex);
-      svc->held.emplace(std::move(key), Service::Held{token, hold});
+      svc->held.emplace(std::move(key), Service::Held{token, hold, false});
     } catch (...) {
       hvs_hold_leave(hold, nullptr, 0);
       svc->engine->release(token);
@@ -184,6 +197,8 @@ LKS_EXPORT int32_t lkssterm(lks_status *status, void *handle) {
   {
     std::lock_guard<std::mutex> guard(svc->mutex);
     for (auto &entry : svc->held) {
+      if (entry.second.dry)
+        continue;
       svc->engine->attach(entry.second.token, nullptr);
       hvs_hold_leave(entry.second.hold, nullptr, 0);
       svc->engine->release(entry.second.token);
@@ -221,11 +236,16 @@ LKS_EXPORT int32_t lksunlock(lks_status *status, void *handle, const char *name)
     held = it->second;
     svc->held.erase(it);
   }
+  if (held.dry) {
+    hvs_hold_record(name, 1, 0, LKS_OK, 1);
+    return succeed(status);
+  }
   // What was written under the lock is committed while it is still held.
   svc->engine->attach(held.token, nullptr);
   char why[160];
   int32_t committed = hvs_hold_leave(held.hold, why, sizeof why);
   lks::Outcome o = svc->engine->release(held.token);
+  hvs_hold_record(name, 1, 0, o.code, 0);
   if (o.code != 0)
     return report_outcome(status, o);
   if (committed != 0)

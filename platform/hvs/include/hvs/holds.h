@@ -45,6 +45,12 @@ int32_t hvs_hold_leave(hvs_hold *hold, char *msg, size_t cap);
  * every later write under the hold is refused without being sent. */
 void hvs_hold_lost(hvs_hold *hold);
 
+/* Recording (hvsadm_record): the lock service tells of each lock call it
+ * answered (unlock 1 for lksunlock), and asks whether the process runs dry,
+ * when it grants locks without taking them. */
+void hvs_hold_record(const char *lock_name, int unlock, int exclusive, int32_t result, int dry);
+int hvs_hold_dry_run(void);
+
 #ifdef __cplusplus
 }
 #endif
