@@ -2,6 +2,7 @@
 #include <cstdlib>
 #include <iostream>
 #include <map>
+#include <memory>
 
 #include "hvs_location.h"
 #include "lks.h"
@@ -109,6 +110,48 @@ void emit(const nlohmann::json &doc) { std::cout << tools::dump_safe(with_schema
 
 void emit_line(const nlohmann::json &doc) {
   std::cout << tools::dump_safe(with_schema(doc)) << std::endl;
+}
+
+int32_t registry_subkeys(const std::string &key, std::vector<Subkey> &out) {
+  void *h = nullptr;
+  char msg[1024] = {0};
+  uint64_t len = sizeof msg;
+  if (int32_t rc = hvsapi_init_ext(&h, 3, msg, &len, 0); rc != 0)
+    return rc;
+  std::unique_ptr<void, int32_t (*)(void *)> handle(h, &hvsapi_terminate);
+  void *k = nullptr;
+  if (int32_t rc = hvsapi_open_key(h, &k, key.c_str()); rc != 0)
+    return rc;
+  std::vector<std::string> names;
+  int32_t rc = 0;
+  for (;;) {
+    char name[512] = {0};
+    uint32_t n = sizeof name;
+    int32_t left = 0;
+    rc = hvsapi_enum_subkey(h, k, name, &n, &left);
+    if (rc != 0)
+      break;
+    names.emplace_back(name, n);
+  }
+  hvsapi_close_key(h, k);
+  if (rc != HVS_ERR_NO_MORE)
+    return rc;
+  for (const auto &name : names) {
+    Subkey sub{name, {}};
+    if (hvsapi_open_key(h, &k, (key + "." + name).c_str()) == 0) {
+      std::string v(4096, '\0');
+      uint32_t type = 0, n = static_cast<uint32_t>(v.size());
+      if (hvsapi_get_value(h, k, &type, v.data(), &n) == 0) {
+        v.resize(n);
+        if (!v.empty() && v.back() == '\0')
+          v.pop_back();
+        sub.value = v;
+      }
+      hvsapi_close_key(h, k);
+    }
+    out.push_back(std::move(sub));
+  }
+  return 0;
 }
 
 std::vector<Registrar> &families() {

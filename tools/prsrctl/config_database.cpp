@@ -2,6 +2,7 @@
  * prsrctl config service -d DB -s SRV. */
 #include <algorithm>
 #include <cctype>
+#include <functional>
 #include <iostream>
 #include <memory>
 
@@ -173,19 +174,65 @@ void print_db(const prsr_cfg *c) {
   }
 }
 
-int show_database(const Globals &g, const std::string &db) {
-  Session s(g);
-  if (s.error())
-    return s.error();
+/* A key component as the library makes it of a service's name. */
+std::string service_component(const std::string &name) {
+  std::string c = lower(name);
+  std::replace(c.begin(), c.end(), '.', '*');
+  return c;
+}
+
+/* What a database record holds for a key below the database's key. */
+json used_in_db(const json &doc, const std::vector<std::string> &rel) {
+  if (rel.size() >= 2 && (rel[0] == "INSTANCE" || rel[0] == "SERVICE")) {
+    const bool inst = rel[0] == "INSTANCE";
+    for (const auto &e : doc[inst ? "instances" : "services"]) {
+      const json &name = e[inst ? "instance" : "service"];
+      if (!name.is_string() || service_component(name.get<std::string>()) != lower(rel[1]))
+        continue;
+      return rel.size() == 3 ? member_for(e, rel[2]) : json(nullptr);
+    }
+    return nullptr;
+  }
+  return member_for(doc, rel.back());
+}
+
+}  // namespace
+
+int32_t fetch_database(Session &s, const std::string &db, nlohmann::json &doc,
+                       const std::function<void(const prsr_cfg *)> &also) {
+  const size_t from = recorded_count();
   prsr_cfg *cfg = nullptr;
   int32_t rc = prsr_fetch_db_config(s.status(), s.ctx(), db.c_str(), &cfg);
   if (rc != PRSR_SUCCESS)
+    return rc;
+  doc = db_json(cfg);
+  if (also)
+    also(cfg);
+  prsr_release_db_config(s.status(), s.ctx(), cfg);
+  doc["defaults"] = defaults_of(recorded_calls(from), "DATABASE.DATABASES." + lower(db),
+                                [&doc](const std::vector<std::string> &rel) {
+                                  return used_in_db(doc, rel);
+                                });
+  return PRSR_SUCCESS;
+}
+
+namespace {
+
+int show_database(const Globals &g, const std::string &db, bool show_defaults) {
+  Session s(g);
+  if (s.error())
+    return s.error();
+  json doc;
+  int32_t rc = fetch_database(s, db, doc, [&g](const prsr_cfg *cfg) {
+    if (!g.json)
+      print_db(cfg);
+  });
+  if (rc != PRSR_SUCCESS)
     return report(rc, "database " + db, s.status());
   if (g.json)
-    emit(db_json(cfg));
-  else
-    print_db(cfg);
-  prsr_release_db_config(s.status(), s.ctx(), cfg);
+    emit(doc);
+  else if (show_defaults)
+    print_defaults(doc["defaults"]);
   return kOk;
 }
 
@@ -212,10 +259,12 @@ int list_databases(const Globals &g) {
   return kOk;
 }
 
-int show_service(const Globals &g, const std::string &db, const std::string &srv) {
+int show_service(const Globals &g, const std::string &db, const std::string &srv,
+                 bool show_defaults) {
   Session s(g);
   if (s.error())
     return s.error();
+  const size_t from = recorded_count();
   char **insts = nullptr, **nodes = nullptr;
   uint32_t *avail = nullptr;
   uint32_t count = 0;
@@ -224,8 +273,7 @@ int show_service(const Globals &g, const std::string &db, const std::string &srv
   if (rc == PRSR_ERR_REGISTRY) {
     /* The library answers a missing database or service with 3 as well. */
     std::string db_key = "DATABASE.DATABASES." + lower(db);
-    std::string comp = lower(srv);
-    std::replace(comp.begin(), comp.end(), '.', '*');
+    std::string comp = service_component(srv);
     if (!key_exists(db_key))
       return report(PRSR_ERR_NO_KEY, "database " + db);
     if (!key_exists(db_key + ".SERVICE." + comp) ||
@@ -234,13 +282,17 @@ int show_service(const Globals &g, const std::string &db, const std::string &srv
   }
   if (rc != PRSR_SUCCESS)
     return report(rc, "service " + srv + " of database " + db, s.status());
+  /* A member whose TYPE is absent is left out of the answer. */
+  json defaults = defaults_of(
+      recorded_calls(from), "DATABASE.DATABASES." + lower(db) + ".SERVICE." + service_component(srv),
+      [](const std::vector<std::string> &) { return json(nullptr); });
   if (g.json) {
     json a = json::array();
     for (uint32_t i = 0; i < count; ++i)
       a.push_back({{"instance", insts[i]},
                    {"node", nodes[i]},
                    {"role", avail[i] ? "available" : "preferred"}});
-    emit({{"database", db}, {"service", srv}, {"instances", a}});
+    emit({{"database", db}, {"service", srv}, {"instances", a}, {"defaults", defaults}});
   } else if (count == 0) {
     std::cout << "service " << srv << " of database " << db << ": no instances\n";
   } else {
@@ -255,6 +307,8 @@ int show_service(const Globals &g, const std::string &db, const std::string &srv
                                avail[i] ? "available" : "preferred");
   }
   prsr_release_srv_instances(s.status(), s.ctx(), insts, nodes, avail, count);
+  if (show_defaults && !g.json)
+    print_defaults(defaults);
   return kOk;
 }
 
@@ -266,8 +320,11 @@ void register_config_database(CLI::App &app, Globals &g, int &exit_code) {
   auto db = std::make_shared<std::string>();
   auto *db_opt = dbcmd->add_option("-d,--db", *db, "Database name (any case); without it, list all")
                     ->check(kNonEmpty);
-  dbcmd->callback([&g, &exit_code, db, db_opt] {
-    exit_code = db_opt->count() == 0 ? list_databases(g) : show_database(g, *db);
+  auto defaults = std::make_shared<bool>(false);
+  dbcmd->add_flag("--show-defaults", *defaults,
+                  "Also list the keys that were absent or unreadable, and what was used instead");
+  dbcmd->callback([&g, &exit_code, db, db_opt, defaults] {
+    exit_code = db_opt->count() == 0 ? list_databases(g) : show_database(g, *db, *defaults);
   });
 
   auto *srvcmd = cfg->add_subcommand(
@@ -276,8 +333,12 @@ void register_config_database(CLI::App &app, Globals &g, int &exit_code) {
   auto srv = std::make_shared<std::string>();
   srvcmd->add_option("-d,--db", *sdb, "Database name (any case)")->required()->check(kNonEmpty);
   srvcmd->add_option("-s,--service", *srv, "Service name (any case, dots allowed)")->required()->check(kNonEmpty);
-  srvcmd->callback(
-      [&g, &exit_code, sdb, srv] { exit_code = show_service(g, *sdb, *srv); });
+  auto sdefaults = std::make_shared<bool>(false);
+  srvcmd->add_flag("--show-defaults", *sdefaults,
+                   "Also list the keys that were absent or unreadable, and what was used instead");
+  srvcmd->callback([&g, &exit_code, sdb, srv, sdefaults] {
+    exit_code = show_service(g, *sdb, *srv, *sdefaults);
+  });
 }
 
 Family family(&register_config_database);

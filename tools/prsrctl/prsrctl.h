@@ -107,8 +107,10 @@ struct Call {
  * opened from then on are recorded. A restart leaves out what was opened
  * before it. */
 void start_recording(bool dry);
-/* The calls recorded so far, and forgetting them. */
-std::vector<Call> recorded_calls();
+/* How many calls were recorded so far; the calls from the from-th on; and
+ * forgetting them all. */
+size_t recorded_count();
+std::vector<Call> recorded_calls(size_t from = 0);
 void forget_recorded_calls();
 /* A call as a JSON object, and as one line of text. */
 nlohmann::json call_json(const Call &c);
@@ -124,6 +126,24 @@ nlohmann::json defaults_of(const std::vector<Call> &calls, const std::string &un
 void print_defaults(const nlohmann::json &defaults);
 /* A record's member for a key's last component ("POLICY" -> "policy"). */
 nlohmann::json member_for(const nlohmann::json &record, const std::string &component);
+/* The subkeys of a registry key with their values as text (without a
+ * closing NUL), read through a client handle of its own, under no lock:
+ * for the listings the library has no call for. Returns the registry's
+ * code: 0, HVS_ERR_NO_KEY when the key is not there, or a failure. */
+struct Subkey {
+  std::string name, value;
+};
+int32_t registry_subkeys(const std::string &key, std::vector<Subkey> &out);
+
+/* A database's whole record, as `config database --json` shows it (with
+ * its defaults); also hands the library's record to `also`. The library's
+ * result code. */
+int32_t fetch_database(Session &s, const std::string &db, nlohmann::json &doc,
+                       const std::function<void(const prsr_cfg *)> &also = {});
+
+/* A node's applications, as `config nodeapps --json` shows them. */
+int32_t fetch_nodeapps(Session &s, const std::string &node, nlohmann::json &doc);
+
 /* Lower case, for names compared as the library compares them. */
 std::string lower(std::string s);
 

@@ -112,9 +112,16 @@ void start_recording(bool dry) {
   hvsadm_record(&take, nullptr, dry ? HVSADM_RECORD_DRY_RUN : 0);
 }
 
-std::vector<Call> recorded_calls() {
+size_t recorded_count() {
   std::lock_guard lock(g_mu);
-  return g_calls;
+  return g_calls.size();
+}
+
+std::vector<Call> recorded_calls(size_t from) {
+  std::lock_guard lock(g_mu);
+  return from >= g_calls.size() ? std::vector<Call>()
+                                : std::vector<Call>(g_calls.begin() + static_cast<long>(from),
+                                                    g_calls.end());
 }
 
 void forget_recorded_calls() {
