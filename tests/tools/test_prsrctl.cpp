@@ -5,7 +5,15 @@
 // JSON is parsed and checked, never compared as text.
 #include <gtest/gtest.h>
 
+#include <signal.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <chrono>
 #include <fstream>
+#include <functional>
+#include <thread>
+#include <vector>
 
 #include <nlohmann/json.hpp>
 
@@ -26,12 +34,12 @@ protected:
                      .status);
   }
   Result sh(const std::string &cmd) { return hvstest::run_shell(dir_, cmd); }
-  Result run(const std::string &args) {
-    return sh("LKS_TIMEOUT_MS=300 " + std::string(PRSRCTL_PATH) + " --registry " + reg_ + " " +
-              args);
+  Result run(const std::string &args, const std::string &reg = "") {
+    return sh("LKS_TIMEOUT_MS=300 " + std::string(PRSRCTL_PATH) + " --registry " +
+              (reg.empty() ? reg_ : reg) + " " + args);
   }
-  json run_json(const std::string &args) {
-    Result r = run("--json " + args);
+  json run_json(const std::string &args, const std::string &reg = "") {
+    Result r = run("--json " + args, reg);
     EXPECT_EQ(0, r.status) << args << "\n" << r.err;
     try {
       return json::parse(r.out);
@@ -39,6 +47,22 @@ protected:
       ADD_FAILURE() << args << ": not one JSON document: " << e.what() << "\n" << r.out;
       return json();
     }
+  }
+
+  /* The registry of the test, and one on the test ensemble when there is
+   * one (HVS_TEST_ZK), each holding the sample cluster. */
+  std::vector<std::string> registries() {
+    std::vector<std::string> all{reg_};
+    const char *zk = std::getenv("HVS_TEST_ZK");
+    if (zk != nullptr && *zk != '\0') {
+      static int serial = 0;
+      std::string loc = std::string("zk://") + zk + "/prsr-test/prsrctl-" +
+                        std::to_string(::getpid()) + "-" + std::to_string(++serial);
+      EXPECT_EQ(0, sh(std::string(HVSCTL_PATH) + " --registry " + loc + " import " SAMPLE_CLUSTER)
+                       .status);
+      all.push_back(loc);
+    }
+    return all;
   }
 
   hvstest::TempDir dir_;
@@ -220,6 +244,127 @@ TEST_F(Prsrctl, ExitCodesTellFailuresApart) {
   EXPECT_EQ(false, run_json("get enabled -d hr -s hrapp -i hr2")["enabled"]);
   lock.release();
   EXPECT_EQ(false, run_json("get enabled -d salesdr")["enabled"]) << "the refused write left nothing";
+}
+
+// explain runs the command dry: the registry stays byte for byte as it was,
+// no lock is taken (a holder of the exclusive lock does not keep it out),
+// and the record names the lock, the key written and the value.
+TEST_F(Prsrctl, ExplainChangesNothingAndTellsWhatWouldBeDone) {
+  for (const std::string &reg : registries()) {
+    const std::string hvsctl = std::string(HVSCTL_PATH) + " --registry " + reg;
+    const std::string before = sh(hvsctl + " export").out;
+    ASSERT_FALSE(before.empty());
+    hvstest::RegistryEnv env(reg);
+    hvstest::HeldLock held("FLTM.DATABASE.DATABASES.sales");
+    ASSERT_TRUE(held.held());
+
+    json e = run_json("explain disable database -d Sales", reg);
+    EXPECT_EQ(0, e["exit"]) << e.dump();
+    EXPECT_EQ(1, e["schema"]);
+    EXPECT_EQ(false, e["output"]["enabled"]) << "the result as the command gives it";
+    EXPECT_EQ(json::parse(R"([{"lock":"FLTM.DATABASE.DATABASES.sales","mode":"exclusive"}])"),
+              e["locks"]);
+    EXPECT_EQ(json::parse(R"([{"key":"DATABASE.DATABASES.sales.ENABLED","value":"false"}])"),
+              e["writes"]);
+    std::vector<std::string> order;
+    for (const auto &c : e["calls"])
+      order.push_back(c["call"]);
+    EXPECT_EQ((std::vector<std::string>{"lock", "open", "write", "unlock"}), order);
+
+    Result text = run("explain set role -d sales physical_standby", reg);
+    EXPECT_EQ(0, text.status) << text.err;
+    EXPECT_NE(std::string::npos, text.out.find("lock shared")) << text.out;
+    EXPECT_NE(std::string::npos, text.out.find("DATABASE.DATABASES.sales.ROLE = \"PHYSICAL_STANDBY\""))
+        << text.out;
+    EXPECT_EQ(7, run("explain set role -d nosuch primary", reg).status)
+        << "the result the command would give";
+
+    EXPECT_EQ(before, sh(hvsctl + " export").out) << reg;
+    EXPECT_EQ("primary", run_json("get role -d sales", reg)["role"]);
+  }
+}
+
+// What a record was made without, the listings, and "schema" everywhere.
+TEST_F(Prsrctl, ConfigNamesTheKeysItWentWithoutAndListsEntries) {
+  json dr = run_json("config database -d salesdr");
+  EXPECT_EQ(1, dr["schema"]);
+  bool policy = false;
+  for (const auto &d : dr["defaults"])
+    if (d["key"] == "POLICY") {
+      policy = true;
+      EXPECT_EQ("AUTOMATIC", d["used"]);
+      EXPECT_EQ("absent", d["reason"]);
+    }
+  EXPECT_TRUE(policy) << dr["defaults"].dump();
+  json sales = run_json("config database -d sales");
+  for (const auto &d : sales["defaults"])
+    EXPECT_NE("POLICY", d["key"]) << "sales has its POLICY";
+
+  ASSERT_EQ(0, sh(std::string(HVSCTL_PATH) + " --registry " + reg_ +
+                  " delete DATABASE.NODEAPPS.node2.VIP.NETMASK")
+                   .status);
+  json node = run_json("config nodeapps -n node2");
+  EXPECT_EQ(json::parse(R"([{"key":"VIP.NETMASK","used":null,"reason":"absent"}])"),
+            node["defaults"]);
+  Result text = run("config nodeapps -n node2 --show-defaults");
+  EXPECT_NE(std::string::npos, text.out.find("VIP.NETMASK")) << text.out;
+  EXPECT_EQ(json::array(), run_json("config vlm -p storage -n vlm1")["defaults"]);
+
+  EXPECT_EQ(json::parse(R"([{"parent":"storage","name":"VLM1"}])"), run_json("config vlm")["vlm"]);
+  EXPECT_EQ(json({"Node1", "Node2", "Node3"}), run_json("config nodeapps")["nodeapps"]);
+  EXPECT_EQ("Node1\nNode2\nNode3\n", run("config nodeapps").out);
+}
+
+// watch prints a change made by another process, in database terms, and
+// ends with 0 on SIGINT. Every wait is bounded.
+TEST_F(Prsrctl, WatchSeesAChangeMadeElsewhereAndEndsOnInterrupt) {
+  using namespace std::chrono;
+  for (const std::string &reg : registries()) {
+    const std::string out = dir_.file("watch.out"), err = dir_.file("watch.err");
+    pid_t pid = ::fork();
+    ASSERT_GE(pid, 0);
+    if (pid == 0) {
+      if (!std::freopen(out.c_str(), "w", stdout) || !std::freopen(err.c_str(), "w", stderr))
+        ::_exit(127);
+      ::execl(PRSRCTL_PATH, PRSRCTL_PATH, "--registry", reg.c_str(), "--json", "watch",
+              "database", "-d", "sales", static_cast<char *>(nullptr));
+      ::_exit(127);
+    }
+    auto until = [](const std::function<bool()> &done, seconds limit) {
+      for (auto end = steady_clock::now() + limit; steady_clock::now() < end;
+           std::this_thread::sleep_for(milliseconds(50)))
+        if (done())
+          return true;
+      return false;
+    };
+    bool ready = until([&] { return hvstest::slurp(err).find("watching") != std::string::npos; },
+                       seconds(20));
+    EXPECT_TRUE(ready) << hvstest::slurp(err);
+    if (ready) {
+      EXPECT_EQ(0, sh(std::string(HVSCTL_PATH) + " --registry " + reg +
+                      " set DATABASE.DATABASES.sales.ROLE PHYSICAL_STANDBY")
+                       .status);
+      EXPECT_TRUE(until([&] { return hvstest::slurp(out).find('\n') != std::string::npos; },
+                        seconds(20)))
+          << hvstest::slurp(err);
+    }
+    ::kill(pid, SIGINT);
+    int status = 0;
+    bool ended = until([&] { return ::waitpid(pid, &status, WNOHANG) == pid; }, seconds(10));
+    if (!ended) {
+      ::kill(pid, SIGKILL);
+      ::waitpid(pid, &status, 0);
+    }
+    EXPECT_TRUE(ended && WIFEXITED(status) && WEXITSTATUS(status) == 0) << reg;
+    std::string line = hvstest::slurp(out);
+    line = line.substr(0, line.find('\n'));
+    json change = json::parse(line, nullptr, false);
+    EXPECT_EQ("role", change["field"]) << line;
+    EXPECT_EQ("PRIMARY", change["from"]) << line;
+    EXPECT_EQ("PHYSICAL_STANDBY", change["to"]) << line;
+    EXPECT_EQ(1, change["schema"]) << line;
+    EXPECT_EQ("database sales", change["what"]) << line;
+  }
 }
 
 TEST_F(Prsrctl, VerboseShowsTheLibrarysTrace) {

@@ -306,9 +306,8 @@ int watch(const Globals &g, const Target &t) {
     } else if (first) {
       if (doc.is_null())
         return report(PRSR_ERR_NO_KEY, t.title());
-      if (!g.json)
-        std::cerr << "prsrctl: watching " << t.title() << " in " << registry_location()
-                  << " (interrupt to end)\n";
+      std::cerr << "prsrctl: watching " << t.title() << " in " << registry_location()
+                << " (interrupt to end)" << std::endl;
       prev = doc;
       first = false;
     } else {
