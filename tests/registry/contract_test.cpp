@@ -347,6 +347,37 @@ TEST_P(Contract, HandlesSeeEachOthersWrites) {
   hvsapi_terminate(second);
 }
 
+// A dry run records the calls of the handles opened during it and writes
+// nothing: only those handles read their unwritten values back, and only
+// until the recording ends.
+TEST_P(Contract, ADryRunRecordsItsCallsAndWritesNothing) {
+  create("S", "old");
+  std::vector<std::pair<int, std::string>> calls;
+  auto take = [](void *arg, const hvsadm_call *c) {
+    static_cast<std::vector<std::pair<int, std::string>> *>(arg)->emplace_back(
+        c->kind, c->kind == HVSADM_CALL_WRITE
+                     ? std::string(static_cast<const char *>(c->value), c->len)
+                     : std::string(c->name));
+  };
+  ASSERT_EQ(HVS_OK, hvsadm_record(take, &calls, HVSADM_RECORD_DRY_RUN));
+  void *dry = nullptr;
+  ASSERT_EQ(HVS_OK, hvsapi_init_ext(&dry, 3, nullptr, nullptr, 0));
+  void *key = open("S", dry);
+  ASSERT_EQ(HVS_OK, hvsapi_set_value(dry, key, HVS_TYPE_BINARY, "new", 3));
+  hvsapi_close_key(dry, key);
+  EXPECT_EQ("new", read("S", dry));
+  EXPECT_EQ("old", read("S")) << "a handle opened before the recording is not in it";
+  EXPECT_EQ("old", walk("S").at(0).value);
+  using Calls = std::vector<std::pair<int, std::string>>;
+  EXPECT_EQ((Calls{{HVSADM_CALL_OPEN, "S"}, {HVSADM_CALL_WRITE, "new"}, {HVSADM_CALL_OPEN, "S"},
+                   {HVSADM_CALL_READ, "S"}}),
+            calls);
+  ASSERT_EQ(HVS_OK, hvsadm_record(nullptr, nullptr, 0));
+  EXPECT_EQ("old", read("S", dry));
+  EXPECT_EQ(4u, calls.size());
+  hvsapi_terminate(dry);
+}
+
 TEST_P(Contract, OneHandleServesManyThreads) {
   create("M", std::string("0\0", 2));
   std::vector<std::thread> threads;
