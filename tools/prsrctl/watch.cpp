@@ -7,6 +7,7 @@
  * of changes: on SQLite any commit, on ZooKeeper a watch on one of those
  * keys. A wait on that handle ends when one comes; the object is fetched
  * again and the two records are compared. */
+#include <algorithm>
 #include <atomic>
 #include <csignal>
 #include <ctime>
@@ -296,6 +297,7 @@ int watch(const Globals &g, const Target &t) {
 
   json prev;
   bool first = true;
+  bool again = false; /* this fetch came of a difference found by reread() */
   while (!g_stop) {
     forget_recorded_calls();
     json doc;
@@ -314,8 +316,14 @@ int watch(const Globals &g, const Target &t) {
       print_changes(g, t, prev, doc);
       prev = doc;
     }
-    if (reread(own, recorded_calls()))
+    /* Once in a row at most: answers that kept differing would otherwise
+     * make this loop spin. */
+    const bool differs = reread(own, recorded_calls());
+    if (differs && !again) {
+      again = true;
       continue;
+    }
+    again = false;
     int32_t rc;
     while ((rc = hvsadm_wait_change(own.h, &seen, kWaitMs)) == HVS_ERR_NO_MORE && !g_stop) {
     }
