@@ -319,8 +319,10 @@ TEST_F(Prsrctl, ConfigNamesTheKeysItWentWithout) {
 // ends with 0 on SIGINT. Every wait is bounded.
 TEST_F(Prsrctl, WatchSeesAChangeMadeElsewhereAndEndsOnInterrupt) {
   using namespace std::chrono;
+  int round = 0;
   for (const std::string &reg : registries()) {
-    const std::string out = dir_.file("watch.out"), err = dir_.file("watch.err");
+    const std::string n = std::to_string(++round);
+    const std::string out = dir_.file("watch" + n + ".out"), err = dir_.file("watch" + n + ".err");
     pid_t pid = ::fork();
     ASSERT_GE(pid, 0);
     if (pid == 0) {
