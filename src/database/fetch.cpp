@@ -3,6 +3,7 @@
 #include <cstring>
 
 #include "database/database.h"
+#include "frame/frame.h"
 #include "registry/registry.h"
 
 using namespace prsr;
@@ -11,48 +12,13 @@ namespace {
 
 constexpr const char *kSelf = "prsr_fetch_db_config";
 
-/* The longest key built from the database name alone is
- * DATABASE.DATABASES.<db>.DB_CLU_ALIAS.IP: 35 bytes besides the name. */
-constexpr size_t kDbKeyOverhead = 35;
-
-/* A record under construction: released as a whole unless handed out. */
-class Record {
-public:
-  Record(lks_status *status, prsr_ctx *ctx) : status_(status), ctx_(ctx) {}
-  ~Record() {
-    if (cfg_ != nullptr)
-      prsr_release_db_config(status_, ctx_, cfg_);
-  }
-  Record(const Record &) = delete;
-  Record &operator=(const Record &) = delete;
-  prsr_cfg **out() { return &cfg_; }
-  prsr_cfg *operator->() const { return cfg_; }
-  prsr_cfg *release() {
-    prsr_cfg *c = cfg_;
-    cfg_ = nullptr;
-    return c;
-  }
-
-private:
-  lks_status *status_;
-  prsr_ctx *ctx_;
-  prsr_cfg *cfg_ = nullptr;
-};
-
 /* What the fetch works with: the session's handles and its reused buffers. */
-struct Work {
-  void *meta;
-  void *hvs;
-  uintptr_t comp;
-  const char *db_key;
-  char *key;   /* kKeyMax */
-  char *value; /* kValueMax */
+struct Work : Call {
+  explicit Work(prsr_ctx *c) : Call(c, kSelf) {}
+  const char *db_key = nullptr;
+  char *key = nullptr;   /* kKeyMax */
+  char *value = nullptr; /* kValueMax */
 
-  int32_t no_memory(uint64_t size) const {
-    trcprintf(comp, 0, "prsr_fetch_db_config: failed to allocate %d bytes",
-              static_cast<int>(size));
-    return PRSR_ERR_MEMORY;
-  }
   void report(const char *api, int32_t rc) const {
     prsr_report_hvs_failure(hvs, comp, kSelf, api, rc, key);
   }
@@ -67,7 +33,7 @@ enum class Missing { Report, Policy };
 int32_t read_single(const Work &w, const char *component, char **field, Missing missing,
                     bool optional_block) {
   std::memset(w.key, 0, kKeyMax);
-  key_build(w.key, {w.db_key, component});
+  KeyParts{w.db_key, component}.write(w.key);
   if (std::strcmp(component, "TERVAN_HOME") == 0)
     trcprintf(w.comp, 4, "prsr_fetch_db_config: name of the TERVAN_HOME key = %s", w.key);
   std::memset(w.value, 0, kValueMax);
@@ -106,8 +72,8 @@ int32_t read_single(const Work &w, const char *component, char **field, Missing 
  * entries; a later enumeration failure or a failed fill (*fill_rc) ends the
  * fetch. */
 template <class Entry, class Fill>
-int32_t read_branch(const Work &w, char *subkey, Entry ***table, uint32_t *count,
-                    bool count_line, int32_t *fill_rc, Fill fill) {
+int32_t read_branch(const Work &w, char *subkey, Entry ***table, uint32_t *count, bool count_line,
+                    int32_t *fill_rc, Fill fill) {
   OpenKey key(w.hvs);
   int32_t rc = key.open(w.key);
   if (rc != 0) {
@@ -157,13 +123,16 @@ extern "C" PRSR_API int32_t prsr_fetch_db_config(lks_status *status, prsr_ctx *c
     *cfg_out = nullptr;
   if (!session_ok(ctx))
     return PRSR_ERR_SESSION;
-  if (cfg_out == nullptr || !name_fits(db_name, kDbKeyOverhead))
+  /* DB_CLU_ALIAS.IP is the longest key built from the database name alone. */
+  if (cfg_out == nullptr || !keys::database_alias_ip(db_name).fits())
     return PRSR_ERR_ARGUMENT;
-  void *meta = ctx->metactx;
-  uintptr_t comp = ctx->trace_comp;
-  Work w{meta, ctx->hvs_handle, comp, nullptr, nullptr, nullptr};
+  Work w(ctx);
+  void *meta = w.meta;
+  uintptr_t comp = w.comp;
 
-  Record cfg(status, ctx);
+  /* The record under construction: released as a whole unless handed out. */
+  Draft cfg(static_cast<prsr_cfg *>(nullptr),
+            [status, ctx](prsr_cfg *c) { prsr_release_db_config(status, ctx, c); });
   if ((*cfg.out() = static_cast<prsr_cfg *>(u_allocm(meta, sizeof(prsr_cfg)))) == nullptr)
     return w.no_memory(sizeof(prsr_cfg));
   cfg->fetched = 1;
@@ -171,14 +140,15 @@ extern "C" PRSR_API int32_t prsr_fetch_db_config(lks_status *status, prsr_ctx *c
   trcprintf(comp, 4, "prsr_fetch_db_config:initialized memory for prsr_cfg");
 
   size_t n = std::strlen(db_name);
-  Owned<char> db(meta);
-  if ((*db.out() = copy_lower(meta, db_name)) == nullptr)
-    return w.no_memory(n + 1);
-  trcprintf(comp, 4, "prsr_fetch_db_config:length is %d", static_cast<int>(n) + 20);
-  Owned<char> db_key(meta);
-  if (!db_key.allocate(n + 20))
-    return w.no_memory(n + 20);
-  key_join(db_key.get(), {"DATABASE.DATABASES", db.get()});
+  NameCopy db(meta);
+  if (!db.lower(db_name))
+    return w.no_memory(db.size());
+  const KeyParts db_key_parts = keys::database(db.get());
+  trcprintf(comp, 4, "prsr_fetch_db_config:length is %d",
+            static_cast<int>(db_key_parts.block_size()));
+  KeyBlock db_key(meta);
+  if (!db_key.build(db_key_parts))
+    return w.no_memory(db_key.size());
   w.db_key = db_key.get();
   trcprintf(comp, 4, "prsr_fetch_db_config: DB key is %s", db_key.get());
 
@@ -221,7 +191,7 @@ extern "C" PRSR_API int32_t prsr_fetch_db_config(lks_status *status, prsr_ctx *c
   w.value = value_buf.get();
 
   /* DB_CLU_ALIAS.IP: optional, a missing key is no failure. */
-  key_build(w.key, {db_key.get(), "DB_CLU_ALIAS", "IP"});
+  KeyParts{db_key.get(), "DB_CLU_ALIAS", "IP"}.write(w.key);
   rc = key.open(w.key);
   if (rc == HVS_ERR_NO_KEY) {
     trcprintf(comp, 4, "prsr_fetch_db_config: key %s not found", w.key);
@@ -257,7 +227,7 @@ extern "C" PRSR_API int32_t prsr_fetch_db_config(lks_status *status, prsr_ctx *c
 
   if (!subkey_buf.allocate(kKeyMax))
     return w.no_memory(kKeyMax);
-  key_build(w.key, {db_key.get(), "INSTANCE"});
+  KeyParts{db_key.get(), "INSTANCE"}.write(w.key);
   trcprintf(comp, 4, "prsr_fetch_db_config: Instance KEY = %s\n", w.key);
   int32_t fill_rc = 0;
   rc = read_branch(w, subkey_buf.get(), &cfg->instances, &cfg->instance_count, true, &fill_rc,
@@ -270,7 +240,7 @@ extern "C" PRSR_API int32_t prsr_fetch_db_config(lks_status *status, prsr_ctx *c
   if (rc != 0)
     return rc;
 
-  key_build(w.key, {db_key.get(), "SERVICE"});
+  KeyParts{db_key.get(), "SERVICE"}.write(w.key);
   rc = read_branch(w, subkey_buf.get(), &cfg->services, &cfg->service_count, false, &fill_rc,
                    [&](prsr_service_cfg **slot, const char *sub) {
                      return prsr_fill_service(ctx, db.get(), db_key.get(), slot, sub);
@@ -285,7 +255,7 @@ extern "C" PRSR_API int32_t prsr_fetch_db_config(lks_status *status, prsr_ctx *c
 
   /* ENABLED: anything but "FALSE" is enabled; unreadable stays 0. */
   std::memset(w.key, 0, kKeyMax);
-  key_build(w.key, {db_key.get(), "ENABLED"});
+  KeyParts{db_key.get(), "ENABLED"}.write(w.key);
   trcprintf(comp, 4, "prsr_fetch_db_config: db_key = %s, key_name = %s", db_key.get(), w.key);
   rc = key.open(w.key);
   if (rc != 0) {
@@ -305,7 +275,7 @@ extern "C" PRSR_API int32_t prsr_fetch_db_config(lks_status *status, prsr_ctx *c
     key.close();
   }
 
-  key_build(w.key, {db_key.get(), "ENVIRONMENT"});
+  KeyParts{db_key.get(), "ENVIRONMENT"}.write(w.key);
   prsr_get_multivalues(meta, comp, w.hvs, w.key, &cfg->environment, &cfg->environment_count);
 
   lock.release();
@@ -320,8 +290,7 @@ extern "C" PRSR_API int32_t prsr_release_db_config(lks_status *, prsr_ctx *ctx, 
     return PRSR_SUCCESS;
   void *meta = ctx->metactx;
   for (char **text : {&cfg->sp_name, &cfg->clu_alias_ip, &cfg->tervan_home, &cfg->bootcfg,
-                      &cfg->domain, &cfg->db_name, &cfg->role, &cfg->start_options,
-                      &cfg->policy}) {
+                      &cfg->domain, &cfg->db_name, &cfg->role, &cfg->start_options, &cfg->policy}) {
     if (*text != nullptr)
       u_freem(meta, *text);
     *text = nullptr;

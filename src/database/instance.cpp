@@ -3,11 +3,12 @@
 #include <cstring>
 
 #include "database/database.h"
+#include "frame/frame.h"
 #include "registry/registry.h"
 
 using namespace prsr;
 
-extern "C" void prsr_free_instance_entry(void *metactx, prsr_instance_cfg *entry) {
+extern "C" PRSR_INTERNAL void prsr_free_instance_entry(void *metactx, prsr_instance_cfg *entry) {
   if (entry == nullptr)
     return;
   if (entry->node_name != nullptr)
@@ -18,18 +19,16 @@ extern "C" void prsr_free_instance_entry(void *metactx, prsr_instance_cfg *entry
   u_freem(metactx, entry);
 }
 
-extern "C" int32_t prsr_fill_instance(prsr_ctx *ctx, const char *db_key,
-                                      prsr_instance_cfg **slot, const char *key_name) {
-  void *meta = ctx->metactx;
-  void *hvs = ctx->hvs_handle;
-  uintptr_t comp = ctx->trace_comp;
-  constexpr const char *kSelf = "prsr_fill_instance";
+extern "C" PRSR_INTERNAL int32_t prsr_fill_instance(prsr_ctx *ctx, const char *db_key,
+                                                    prsr_instance_cfg **slot,
+                                                    const char *key_name) {
+  Call call(ctx, "prsr_fill_instance");
+  void *meta = call.meta;
+  void *hvs = call.hvs;
+  uintptr_t comp = call.comp;
+  const char *kSelf = call.name;
   trcprintf(comp, 4, "prsr_fill_instance: db_key = %s key name = %s", db_key, key_name);
-
-  auto no_memory = [&](uint64_t size) {
-    trcprintf(comp, 0, "prsr_fill_instance: failed to allocate %d bytes", static_cast<int>(size));
-    return PRSR_ERR_MEMORY;
-  };
+  auto no_memory = [&call](uint64_t size) { return call.no_memory(size); };
   Owned<prsr_instance_cfg> entry(meta);
   if (!entry.allocate(sizeof(prsr_instance_cfg)))
     return no_memory(sizeof(prsr_instance_cfg));
@@ -45,12 +44,13 @@ extern "C" int32_t prsr_fill_instance(prsr_ctx *ctx, const char *db_key,
 
   /* The longest key read here is <instance key>.ENVIRONMENT: once that is
    * known to fit, every other key of the instance fits as well. */
-  if (key_length({db_key, "INSTANCE", key_name, "ENVIRONMENT"}) + 1 > kKeyMax) {
+  const KeyParts inst_parts{db_key, "INSTANCE", key_name};
+  if (!(inst_parts / "ENVIRONMENT").fits()) {
     trcprintf(comp, 0, "prsr_fill_instance: key names of instance %s under %s exceed %d bytes",
               key_name, db_key, static_cast<int>(kKeyMax));
     return PRSR_ERR_REGISTRY;
   }
-  key_build(inst_key.get(), {db_key, "INSTANCE", key_name});
+  inst_parts.write(inst_key.get());
   trcprintf(comp, 4, "prsr_fill_instance: Instance Key = %s", inst_key.get());
 
   /* From here on the entry belongs to the table. */
@@ -84,7 +84,7 @@ extern "C" int32_t prsr_fill_instance(prsr_ctx *ctx, const char *db_key,
   key.close();
 
   /* NODE: optional; the entry goes on without it. */
-  key_build(name.get(), {inst_key.get(), "NODE"});
+  KeyParts{inst_key.get(), "NODE"}.write(name.get());
   trcprintf(comp, 4, "prsr_fill_instance: inst_key_name = %s  Node Name key = %s", inst_key.get(),
             name.get());
   rc = key.open(name.get());
@@ -110,11 +110,11 @@ extern "C" int32_t prsr_fill_instance(prsr_ctx *ctx, const char *db_key,
     key.close();
   }
 
-  key_build(name.get(), {inst_key.get(), "ENVIRONMENT"});
+  KeyParts{inst_key.get(), "ENVIRONMENT"}.write(name.get());
   prsr_get_multivalues(meta, comp, hvs, name.get(), &e->environment, &e->environment_count);
 
   /* ENABLED: anything but "FALSE" is enabled; unreadable stays 0. */
-  key_build(name.get(), {inst_key.get(), "ENABLED"});
+  KeyParts{inst_key.get(), "ENABLED"}.write(name.get());
   rc = key.open(name.get());
   if (rc != 0) {
     prsr_report_hvs_failure(hvs, comp, kSelf, "hvsapi_open_key", rc, name.get());

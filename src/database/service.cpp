@@ -4,12 +4,13 @@
 #include <cstring>
 
 #include "database/database.h"
+#include "frame/frame.h"
 #include "operations/enabled.h"
 #include "registry/registry.h"
 
 using namespace prsr;
 
-extern "C" void prsr_free_service_entry(void *metactx, prsr_service_cfg *entry) {
+extern "C" PRSR_INTERNAL void prsr_free_service_entry(void *metactx, prsr_service_cfg *entry) {
   if (entry == nullptr)
     return;
   if (entry->service_name != nullptr)
@@ -46,28 +47,18 @@ struct Names {
   }
 };
 
-uint32_t fov_code(const char *v) {
-  if (txticmp(v, "BASIC") == 0)
-    return PRSR_FOV_BASIC;
-  if (txticmp(v, "PRECONNECT") == 0 || txticmp(v, "AVAILABLE") == 0 || txticmp(v, "MUTUAL") == 0)
-    return PRSR_FOV_PRECONNECT;
-  return PRSR_FOV_NONE;
-}
-
 } // namespace
 
-extern "C" int32_t prsr_fill_service(prsr_ctx *ctx, const char *dbname, const char *dbkey,
-                                     prsr_service_cfg **out, const char *srvname) {
-  void *meta = ctx->metactx;
-  void *hvs = ctx->hvs_handle;
-  uintptr_t comp = ctx->trace_comp;
-  trcprintf(comp, 4, "prsr_fill_service: dbname = [%s], dbkey = [%s],  srvname = %s", dbname,
-            dbkey, srvname);
-
-  auto no_memory = [&](uint64_t size) {
-    trcprintf(comp, 0, "prsr_fill_service: failed to allocate %d bytes", static_cast<int>(size));
-    return PRSR_ERR_MEMORY;
-  };
+extern "C" PRSR_INTERNAL int32_t prsr_fill_service(prsr_ctx *ctx, const char *dbname,
+                                                   const char *dbkey, prsr_service_cfg **out,
+                                                   const char *srvname) {
+  Call call(ctx, kSelf);
+  void *meta = call.meta;
+  void *hvs = call.hvs;
+  uintptr_t comp = call.comp;
+  trcprintf(comp, 4, "prsr_fill_service: dbname = [%s], dbkey = [%s],  srvname = %s", dbname, dbkey,
+            srvname);
+  auto no_memory = [&call](uint64_t size) { return call.no_memory(size); };
   Owned<prsr_service_cfg> record(meta);
   if (!record.allocate(sizeof(prsr_service_cfg)))
     return no_memory(sizeof(prsr_service_cfg));
@@ -83,12 +74,13 @@ extern "C" int32_t prsr_fill_service(prsr_ctx *ctx, const char *dbname, const ch
 
   /* <service key>.ENVIRONMENT is the longest key built from the service key
    * alone; the keys of its instances are measured one by one. */
-  if (key_length({dbkey, "SERVICE", srvname, "ENVIRONMENT"}) + 1 > kKeyMax) {
+  const KeyParts srv_parts{dbkey, "SERVICE", srvname};
+  if (!(srv_parts / "ENVIRONMENT").fits()) {
     trcprintf(comp, 0, "prsr_fill_service: key names of service %s under %s exceed %d bytes",
               srvname, dbkey, static_cast<int>(kKeyMax));
     return PRSR_ERR_REGISTRY;
   }
-  key_build(srv_key.get(), {dbkey, "SERVICE", srvname});
+  srv_parts.write(srv_key.get());
   trcprintf(comp, 4, "prsr_fill_service: srv key name = %s", srv_key.get());
 
   /* Published before anything is read: every later failure leaves it where
@@ -116,7 +108,7 @@ extern "C" int32_t prsr_fill_service(prsr_ctx *ctx, const char *dbname, const ch
   key.close();
   trcprintf(comp, 4, "prsr_fill_service: srvcompname = %s", e->service_name);
 
-  key_build(name.get(), {srv_key.get(), "INSTANCES"});
+  KeyParts{srv_key.get(), "INSTANCES"}.write(name.get());
   trcprintf(comp, 4, "prsr_fill_service: key name = [%s]", name.get());
   Names names{meta};
   if (prsr_get_subkeys(meta, comp, hvs, name.get(), &names.subkeys, &names.count) != 0 ||
@@ -138,7 +130,7 @@ extern "C" int32_t prsr_fill_service(prsr_ctx *ctx, const char *dbname, const ch
   /* TYPE of subkey i, compared byte for byte; a missing key is reported
    * and the instance passed over. */
   auto read_type = [&](uint32_t i, Kind *kind) -> int32_t {
-    if (!key_build(name.get(), {srv_key.get(), "INSTANCES", names.subkeys[i], "TYPE"})) {
+    if (!KeyParts{srv_key.get(), "INSTANCES", names.subkeys[i], "TYPE"}.write(name.get())) {
       trcprintf(comp, 0, "prsr_fill_service: key name of TYPE of %s exceeds %d bytes",
                 names.subkeys[i], static_cast<int>(kKeyMax));
       return PRSR_ERR_REGISTRY;
@@ -192,7 +184,6 @@ extern "C" int32_t prsr_fill_service(prsr_ctx *ctx, const char *dbname, const ch
   e->pref_count = n_pref;
 
   /* Second pass: move each name into its list and read its flag. */
-  size_t fixed = std::strlen(dbname) + srv_len + 51;
   uint32_t next_pref = 0, next_avail = 0;
   for (uint32_t i = 0; i < names.count; ++i) {
     Kind kind = Kind::Other;
@@ -210,21 +201,19 @@ extern "C" int32_t prsr_fill_service(prsr_ctx *ctx, const char *dbname, const ch
     }
     list[at] = names.preserved[i];
     names.preserved[i] = nullptr;
-    size_t enabled_size = fixed + std::strlen(names.subkeys[i]);
-    Owned<char> enabled_key(meta);
-    if (!enabled_key.allocate(enabled_size))
-      return no_memory(enabled_size);
-    key_join(enabled_key.get(), {"DATABASE.DATABASES", dbname, "SERVICE", srvname, "INSTANCES",
-                                 names.subkeys[i], "ENABLED"});
+    KeyBlock enabled_key(meta);
+    if (!enabled_key.build(
+            keys::service_instance_leaf(dbname, srvname, names.subkeys[i], "ENABLED")))
+      return no_memory(enabled_key.size());
     prsr_get_enabled_key(ctx, enabled_key.get(), &flags[at]);
   }
   names.clear(); /* names that went into neither list go with it */
 
-  key_build(name.get(), {srv_key.get(), "ENVIRONMENT"});
+  KeyParts{srv_key.get(), "ENVIRONMENT"}.write(name.get());
   prsr_get_multivalues(meta, comp, hvs, name.get(), &e->environment, &e->environment_count);
 
   /* FOVPOLICY: 0 unless read. */
-  key_build(name.get(), {srv_key.get(), "FOVPOLICY"});
+  KeyParts{srv_key.get(), "FOVPOLICY"}.write(name.get());
   rc = key.open(name.get());
   if (rc != 0) {
     prsr_report_hvs_failure(hvs, comp, kSelf, "hvsapi_open_key", rc, name.get());
@@ -238,13 +227,13 @@ extern "C" int32_t prsr_fill_service(prsr_ctx *ctx, const char *dbname, const ch
     } else {
       if (len < kValueMax)
         value[len] = '\0';
-      e->fov_policy = fov_code(value.get());
+      e->fov_policy = policy_code(value.get());
     }
     key.close();
   }
 
   /* ENABLED of the service: anything but "FALSE" is enabled. */
-  key_build(name.get(), {srv_key.get(), "ENABLED"});
+  KeyParts{srv_key.get(), "ENABLED"}.write(name.get());
   rc = key.open(name.get());
   if (rc != 0) {
     prsr_report_hvs_failure(hvs, comp, kSelf, "hvsapi_open_key", rc, name.get());

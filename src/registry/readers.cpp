@@ -7,15 +7,16 @@
 
 using namespace prsr;
 
-extern "C" int32_t prsr_open_get_value(prsr_ctx *ctx, void *hvs_handle, const char *key_name,
-                                       char **value_out) {
+extern "C" PRSR_INTERNAL int32_t prsr_open_get_value(prsr_ctx *ctx, void *hvs_handle,
+                                                     const char *key_name, char **value_out) {
   void *meta = ctx->metactx;
   uintptr_t comp = ctx->trace_comp;
   constexpr uint32_t kFirst = 64;
 
   *value_out = static_cast<char *>(u_allocm(meta, kFirst));
   if (*value_out == nullptr) {
-    trcprintf(comp, 0, "prsr_open_get_value: failed to allocate %d bytes", static_cast<int>(kFirst));
+    trcprintf(comp, 0, "prsr_open_get_value: failed to allocate %d bytes",
+              static_cast<int>(kFirst));
     return PRSR_ERR_MEMORY;
   }
   OpenKey key(hvs_handle);
@@ -58,23 +59,9 @@ extern "C" int32_t prsr_open_get_value(prsr_ctx *ctx, void *hvs_handle, const ch
   return PRSR_SUCCESS;
 }
 
-namespace {
-
-/* Frees a table of texts and the table itself. */
-void free_table(void *meta, char **table, uint32_t count) {
-  if (table == nullptr)
-    return;
-  for (uint32_t i = 0; i < count; ++i)
-    if (table[i] != nullptr)
-      u_freem(meta, table[i]);
-  u_freem(meta, table);
-}
-
-} // namespace
-
-extern "C" int32_t prsr_get_multivalues(void *metactx, uintptr_t trace_comp, void *hvs_handle,
-                                        const char *key_name, char ***list_out,
-                                        uint32_t *count_out) {
+extern "C" PRSR_INTERNAL int32_t prsr_get_multivalues(void *metactx, uintptr_t trace_comp,
+                                                      void *hvs_handle, const char *key_name,
+                                                      char ***list_out, uint32_t *count_out) {
   constexpr uint32_t kFirst = kValueMax;
   *count_out = 0;
   trcprintf(trace_comp, 4, "prsr_get_multivalues: inkey_name = %s", key_name);
@@ -147,7 +134,7 @@ extern "C" int32_t prsr_get_multivalues(void *metactx, uintptr_t trace_comp, voi
       trcprintf(trace_comp, 0, "prsr_get_multivalues: failed to allocate %d bytes",
                 static_cast<int>(n) + 1);
       key.close();
-      free_table(metactx, table, count);
+      free_texts(metactx, table, count);
       *list_out = nullptr;
       *count_out = 0;
       return PRSR_ERR_MEMORY;
@@ -163,9 +150,9 @@ extern "C" int32_t prsr_get_multivalues(void *metactx, uintptr_t trace_comp, voi
   return PRSR_SUCCESS;
 }
 
-extern "C" int32_t prsr_get_subkeys(void *metactx, uintptr_t trace_comp, void *hvs_handle,
-                                    const char *key_name, char ***names_out,
-                                    uint32_t *count_out) {
+extern "C" PRSR_INTERNAL int32_t prsr_get_subkeys(void *metactx, uintptr_t trace_comp,
+                                                  void *hvs_handle, const char *key_name,
+                                                  char ***names_out, uint32_t *count_out) {
   *count_out = 0;
   OpenKey key(hvs_handle);
   if (key.open(key_name) != 0) {
@@ -201,7 +188,7 @@ extern "C" int32_t prsr_get_subkeys(void *metactx, uintptr_t trace_comp, void *h
     return PRSR_ERR_MEMORY;
   }
   auto fail = [&](int32_t result) {
-    free_table(metactx, table, count);
+    free_texts(metactx, table, count);
     *names_out = nullptr;
     *count_out = 0;
     return result;
@@ -230,20 +217,19 @@ extern "C" int32_t prsr_get_subkeys(void *metactx, uintptr_t trace_comp, void *h
   return PRSR_SUCCESS;
 }
 
-extern "C" int32_t prsr_get_case_preserved_values(void *metactx, uintptr_t trace_comp,
-                                                  void *hvs_handle, const char *parent_key,
-                                                  char **names, uint32_t count,
-                                                  char **values_out) {
+extern "C" PRSR_INTERNAL int32_t prsr_get_case_preserved_values(void *metactx, uintptr_t trace_comp,
+                                                                void *hvs_handle,
+                                                                const char *parent_key,
+                                                                char **names, uint32_t count,
+                                                                char **values_out) {
   for (uint32_t i = 0; i < count; ++i) {
     size_t name_len = std::strlen(names[i]);
-    size_t joined_size = std::strlen(parent_key) + name_len + 2;
-    Owned<char> joined(metactx);
-    if (!joined.allocate(joined_size)) {
+    KeyBlock joined(metactx);
+    if (!joined.build(KeyParts{parent_key, names[i]})) {
       trcprintf(trace_comp, 0, "prsr_get_case_preserved_values: failed to allocate %d bytes",
-                static_cast<int>(joined_size));
+                static_cast<int>(joined.size()));
       return PRSR_ERR_MEMORY;
     }
-    key_join(joined.get(), {parent_key, names[i]});
     OpenKey key(hvs_handle);
     int32_t rc = key.open(joined.get());
     if (rc != 0) {
@@ -273,7 +259,7 @@ extern "C" int32_t prsr_get_case_preserved_values(void *metactx, uintptr_t trace
   return PRSR_SUCCESS;
 }
 
-extern "C" char *prsr_dup_bytes(void *metactx, const void *bytes, uint32_t length) {
+extern "C" PRSR_INTERNAL char *prsr_dup_bytes(void *metactx, const void *bytes, uint32_t length) {
   if (metactx == nullptr)
     return nullptr;
   auto *p = static_cast<char *>(u_allocm(metactx, uint64_t{length} + 1));
