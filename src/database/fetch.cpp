@@ -140,15 +140,15 @@ extern "C" PRSR_API int32_t prsr_fetch_db_config(lks_status *status, prsr_ctx *c
   trcprintf(comp, 4, "prsr_fetch_db_config:initialized memory for prsr_cfg");
 
   size_t n = std::strlen(db_name);
-  NameCopy db(meta);
+  NameCopy db(w);
   if (!db.lower(db_name))
-    return w.no_memory(db.size());
+    return PRSR_ERR_MEMORY;
   const KeyParts db_key_parts = keys::database(db.get());
   trcprintf(comp, 4, "prsr_fetch_db_config:length is %d",
             static_cast<int>(db_key_parts.block_size()));
-  KeyBlock db_key(meta);
+  KeyBlock db_key(w);
   if (!db_key.build(db_key_parts))
-    return w.no_memory(db_key.size());
+    return PRSR_ERR_MEMORY;
   w.db_key = db_key.get();
   trcprintf(comp, 4, "prsr_fetch_db_config: DB key is %s", db_key.get());
 

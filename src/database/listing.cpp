@@ -119,11 +119,9 @@ extern "C" PRSR_API int32_t prsr_get_srv_instances(lks_status *status, prsr_ctx 
     call.no_memory(size);
     return fail(PRSR_ERR_MEMORY);
   };
-  NameCopy db(meta), srv(meta);
-  if (!db.lower(dbname))
-    return no_memory(db.size());
-  if (!srv.service(srvname))
-    return no_memory(srv.size());
+  NameCopy db(call), srv(call);
+  if (!db.lower(dbname) || !srv.service(srvname))
+    return fail(PRSR_ERR_MEMORY);
 
   char first[kKeyMax];  /* the INSTANCES key, later the INSTANCE branch */
   char second[kKeyMax]; /* the key of the moment */

@@ -201,10 +201,10 @@ extern "C" PRSR_INTERNAL int32_t prsr_fill_service(prsr_ctx *ctx, const char *db
     }
     list[at] = names.preserved[i];
     names.preserved[i] = nullptr;
-    KeyBlock enabled_key(meta);
+    KeyBlock enabled_key(call);
     if (!enabled_key.build(
             keys::service_instance_leaf(dbname, srvname, names.subkeys[i], "ENABLED")))
-      return no_memory(enabled_key.size());
+      return PRSR_ERR_MEMORY;
     prsr_get_enabled_key(ctx, enabled_key.get(), &flags[at]);
   }
   names.clear(); /* names that went into neither list go with it */

@@ -101,6 +101,9 @@ private:
 struct Call {
   Call(prsr_ctx *c, const char *who)
       : ctx(c), meta(c->metactx), hvs(c->hvs_handle), comp(c->trace_comp), name(who) {}
+  /* For a helper that is handed the handles rather than the session. */
+  Call(void *m, void *h, uintptr_t t, const char *who)
+      : ctx(nullptr), meta(m), hvs(h), comp(t), name(who) {}
   prsr_ctx *ctx;
   void *meta;
   void *hvs;
@@ -113,16 +116,38 @@ struct Call {
   }
 };
 
-/* A caller's name copied for use as a key component, in a block of its own:
- * lower-cased (strlen + 1 bytes), or as a service name (below). size() is
- * the block asked for, for the line of a failed allocation. */
-class NameCopy : public Owned<char> {
+/* A block of the current call that, made with the Call, leaves the call's
+ * line when it cannot be allocated; made with the memory context alone, it
+ * fails without a line. size() is the block last asked for. */
+class CallBlock : public Owned<char> {
 public:
-  using Owned::Owned;
+  explicit CallBlock(const Call &call) : Owned(call.meta), call_(&call) {}
+  explicit CallBlock(void *meta) : Owned(meta) {}
+  uint64_t size() const { return size_; }
+
+protected:
+  bool take(uint64_t bytes) {
+    size_ = bytes;
+    if (allocate(bytes))
+      return true;
+    if (call_ != nullptr)
+      call_->no_memory(bytes);
+    return false;
+  }
+
+private:
+  const Call *call_ = nullptr;
+  uint64_t size_ = 0;
+};
+
+/* A caller's name copied for use as a key component, in a block of its
+ * own: lower-cased (strlen + 1 bytes), or as a service name. */
+class NameCopy : public CallBlock {
+public:
+  using CallBlock::CallBlock;
   bool lower(const char *name) {
     size_t n = std::strlen(name);
-    size_ = n + 1;
-    if (!allocate(size_))
+    if (!take(n + 1))
       return false;
     txtnlower(get(), name, n);
     return true;
@@ -130,18 +155,13 @@ public:
   /* Lower case with every "." as "*", in a block of strlen + 2 bytes. */
   bool service(const char *name) {
     size_t n = std::strlen(name);
-    size_ = n + 2;
-    if (!allocate(size_))
+    if (!take(n + 2))
       return false;
     txtnlower(get(), name, n);
     size_t out = 0;
     txtreplace(get(), n, n + 2, ".", 1, "*", 1, &out);
     return true;
   }
-  uint64_t size() const { return size_; }
-
-private:
-  uint64_t size_ = 0;
 };
 
 /* Frees a table of texts with `count` slots (NULL slots skipped) and the
@@ -157,20 +177,15 @@ inline void free_texts(void *meta, char **table, uint32_t count) {
 
 /* A key name in a block of its own: the block its parts ask for, or the
  * fixed `block` bytes an operation works in. The text is written at once. */
-class KeyBlock : public Owned<char> {
+class KeyBlock : public CallBlock {
 public:
-  using Owned::Owned;
+  using CallBlock::CallBlock;
   bool build(const KeyParts &parts, uint64_t block = 0) {
-    size_ = block != 0 ? block : parts.block_size();
-    if (!allocate(size_))
+    if (!take(block != 0 ? block : parts.block_size()))
       return false;
-    parts.write(get(), size_);
+    parts.write(get(), size());
     return true;
   }
-  uint64_t size() const { return size_; }
-
-private:
-  uint64_t size_ = 0;
 };
 
 /* A record under construction, given up with `drop` on every exit unless

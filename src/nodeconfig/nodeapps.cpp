@@ -117,9 +117,9 @@ extern "C" PRSR_API int32_t prsr_fetch_nodeapps_config(lks_status *status, prsr_
   uintptr_t comp = call.comp;
   size_t n = std::strlen(node);
 
-  NameCopy copy(meta);
+  NameCopy copy(call);
   if (!copy.lower(node))
-    return call.no_memory(copy.size());
+    return PRSR_ERR_MEMORY;
 
   auto *raw = static_cast<prsr_nodeapps_cfg *>(u_allocm(meta, sizeof(prsr_nodeapps_cfg)));
   if (raw == nullptr)
@@ -130,9 +130,9 @@ extern "C" PRSR_API int32_t prsr_fetch_nodeapps_config(lks_status *status, prsr_
   /* Whatever ends the call before the hand-over gives the record up. */
   Draft cfg(raw, [meta](prsr_nodeapps_cfg *c) { free_nodeapps(meta, c); });
 
-  KeyBlock entry(meta);
+  KeyBlock entry(call);
   if (!entry.build(keys::nodeapps_entry(copy.get())))
-    return call.no_memory(entry.size());
+    return PRSR_ERR_MEMORY;
 
   /* Declared before the lock: on a failed read of the entry the key is
    * closed after the lock has gone back. */

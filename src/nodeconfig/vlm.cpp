@@ -29,18 +29,11 @@ void free_vlm(void *meta, prsr_vlm_cfg *cfg) {
   u_freem(meta, cfg);
 }
 
-/* The two lower-cased name copies of the storage-manager operations, first
- * first. On failure, the line of the failed allocation is left and the
- * result is 2. */
+/* The two lower-cased name copies of the storage-manager operations, made
+ * first first. */
 struct VlmNames {
-  explicit VlmNames(void *meta) : first(meta), second(meta) {}
-  int32_t copy(const Call &call, const char *a, const char *b) {
-    if (!first.lower(a))
-      return call.no_memory(first.size());
-    if (!second.lower(b))
-      return call.no_memory(second.size());
-    return PRSR_SUCCESS;
-  }
+  explicit VlmNames(const Call &call) : first(call), second(call) {}
+  bool copy(const char *a, const char *b) { return first.lower(a) && second.lower(b); }
   KeyParts entry() const { return keys::vlm_entry(first.get(), second.get()); }
   NameCopy first, second;
 };
@@ -62,9 +55,9 @@ extern "C" PRSR_API int32_t prsr_fetch_vlm_config(lks_status *status, prsr_ctx *
   void *hvs = call.hvs;
   uintptr_t comp = call.comp;
 
-  VlmNames names(meta);
-  if (int32_t rc = names.copy(call, first, second))
-    return rc;
+  VlmNames names(call);
+  if (!names.copy(first, second))
+    return PRSR_ERR_MEMORY;
 
   auto *raw = static_cast<prsr_vlm_cfg *>(u_allocm(meta, sizeof(prsr_vlm_cfg)));
   if (raw == nullptr)
@@ -74,9 +67,9 @@ extern "C" PRSR_API int32_t prsr_fetch_vlm_config(lks_status *status, prsr_ctx *
   /* Whatever ends the call before the hand-over gives the record up. */
   Draft cfg(raw, [meta](prsr_vlm_cfg *c) { free_vlm(meta, c); });
 
-  KeyBlock entry(meta);
+  KeyBlock entry(call);
   if (!entry.build(names.entry()))
-    return call.no_memory(entry.size());
+    return PRSR_ERR_MEMORY;
 
   /* The entry must exist; this is asked before the lock and not again. */
   {
@@ -90,9 +83,9 @@ extern "C" PRSR_API int32_t prsr_fetch_vlm_config(lks_status *status, prsr_ctx *
     }
   }
 
-  KeyBlock lock_name(meta);
+  KeyBlock lock_name(call);
   if (!lock_name.build(keys::vlm_lock(entry.get())))
-    return call.no_memory(lock_name.size());
+    return PRSR_ERR_MEMORY;
   Owned<char> work(meta);
   if (!work.allocate(kKeyMax))
     return call.no_memory(kKeyMax);
@@ -152,12 +145,10 @@ extern "C" PRSR_API int32_t prsr_get_vlm_enabled(lks_status *, prsr_ctx *ctx, co
   if (enabled == nullptr || !(keys::vlm_entry(first, second) / "ENABLED").fits())
     return PRSR_ERR_ARGUMENT;
   Call call(ctx, "prsr_get_vlm_enabled");
-  VlmNames names(call.meta);
-  if (int32_t rc = names.copy(call, first, second))
-    return rc;
-  KeyBlock key(call.meta);
-  if (!key.build(names.entry() / "ENABLED", kKeyMax))
-    return call.no_memory(key.size());
+  VlmNames names(call);
+  KeyBlock key(call);
+  if (!names.copy(first, second) || !key.build(names.entry() / "ENABLED", kKeyMax))
+    return PRSR_ERR_MEMORY;
   int32_t rc = prsr_get_enabled_key(ctx, key.get(), enabled);
   /* A missing entry reads as missing, as in the fetch. */
   return rc == PRSR_ERR_NO_KEY ? PRSR_ERR_NO_VLM : rc;
@@ -171,12 +162,10 @@ extern "C" PRSR_API int32_t prsr_get_vlm_name(lks_status *, prsr_ctx *ctx, const
   if (name == nullptr || size == 0 || !keys::vlm_entry(first, second).fits())
     return PRSR_ERR_ARGUMENT;
   Call call(ctx, "prsr_get_vlm_name");
-  VlmNames names(call.meta);
-  if (int32_t rc = names.copy(call, first, second))
-    return rc;
-  KeyBlock entry(call.meta);
-  if (!entry.build(names.entry(), kKeyMax))
-    return call.no_memory(entry.size());
+  VlmNames names(call);
+  KeyBlock entry(call);
+  if (!names.copy(first, second) || !entry.build(names.entry(), kKeyMax))
+    return PRSR_ERR_MEMORY;
 
   OpenKey key(call.hvs);
   int32_t rc = key.open(entry.get());

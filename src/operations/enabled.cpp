@@ -74,12 +74,10 @@ extern "C" PRSR_API int32_t prsr_get_db_enabled(lks_status *, prsr_ctx *ctx, con
   if (!keys::database_leaf(dbname, "ENABLED").fits() || enabled == nullptr)
     return PRSR_ERR_ARGUMENT;
   Call call(ctx, "prsr_get_db_enabled");
-  NameCopy db(call.meta);
-  if (!db.lower(dbname))
-    return call.no_memory(db.size());
-  KeyBlock key(call.meta);
-  if (!key.build(keys::database_leaf(db.get(), "ENABLED")))
-    return call.no_memory(key.size());
+  NameCopy db(call);
+  KeyBlock key(call);
+  if (!db.lower(dbname) || !key.build(keys::database_leaf(db.get(), "ENABLED")))
+    return PRSR_ERR_MEMORY;
   trcprintf(call.comp, 4, "prsr_get_db_enabled: key_name = [%s]", key.get());
   return prsr_get_enabled_key(ctx, key.get(), enabled);
 }
@@ -91,12 +89,10 @@ extern "C" PRSR_API int32_t prsr_set_db_enabled(lks_status *status, prsr_ctx *ct
   if (!keys::database_leaf(dbname, "ENABLED").fits())
     return PRSR_ERR_ARGUMENT;
   Call call(ctx, "prsr_set_db_enabled");
-  NameCopy db(call.meta);
-  if (!db.lower(dbname))
-    return call.no_memory(db.size());
-  KeyBlock key(call.meta);
-  if (!key.build(keys::database_leaf(db.get(), "ENABLED")))
-    return call.no_memory(key.size());
+  NameCopy db(call);
+  KeyBlock key(call);
+  if (!db.lower(dbname) || !key.build(keys::database_leaf(db.get(), "ENABLED")))
+    return PRSR_ERR_MEMORY;
 
   BranchLock lock(ctx);
   int32_t rc = lock.exclusive(status, db.get());

@@ -15,17 +15,15 @@ extern "C" PRSR_API int32_t prsr_get_instance_enabled(lks_status *, prsr_ctx *ct
     return PRSR_ERR_ARGUMENT;
   Call call(ctx, "prsr_get_instance_enabled");
   trcprintf(call.comp, 4, "prsr_get_instance_enabled: Inside function %s, %s", dbname, instname);
-  NameCopy db(call.meta), inst(call.meta);
-  if (!db.lower(dbname))
-    return call.no_memory(db.size());
-  if (!inst.lower(instname))
-    return call.no_memory(inst.size());
+  NameCopy db(call), inst(call);
+  if (!db.lower(dbname) || !inst.lower(instname))
+    return PRSR_ERR_MEMORY;
   trcprintf(call.comp, 4, "prsr_get_instance_enabled: dbname = %s, instname = %s", db.get(),
             inst.get());
 
-  KeyBlock key(call.meta);
+  KeyBlock key(call);
   if (!key.build(keys::instance_leaf(db.get(), inst.get(), "ENABLED")))
-    return call.no_memory(key.size());
+    return PRSR_ERR_MEMORY;
   trcprintf(call.comp, 4, "prsr_get_instance_enabled: key_name = [%s]", key.get());
   return prsr_get_enabled_key(ctx, key.get(), enabled);
 }
@@ -40,15 +38,13 @@ extern "C" PRSR_API int32_t prsr_set_instance_enabled(lks_status *status, prsr_c
   Call call(ctx, "prsr_set_instance_enabled");
   /* Every write of an instance flag leaves this line in the log. */
   trcprintf(call.comp, 0, "prsr_set_instance_enabled: Inside function %s, %s", dbname, instname);
-  NameCopy db(call.meta), inst(call.meta);
-  if (!db.lower(dbname))
-    return call.no_memory(db.size());
-  if (!inst.lower(instname))
-    return call.no_memory(inst.size());
+  NameCopy db(call), inst(call);
+  if (!db.lower(dbname) || !inst.lower(instname))
+    return PRSR_ERR_MEMORY;
 
-  KeyBlock key(call.meta);
+  KeyBlock key(call);
   if (!key.build(keys::instance_leaf(db.get(), inst.get(), "ENABLED")))
-    return call.no_memory(key.size());
+    return PRSR_ERR_MEMORY;
   trcprintf(call.comp, 4, "prsr_set_instance_enabled: key_name = [%s]", key.get());
 
   BranchLock lock(ctx);

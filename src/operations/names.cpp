@@ -38,14 +38,11 @@ extern "C" PRSR_API int32_t prsr_get_instance_name(lks_status *, prsr_ctx *ctx, 
   if (!keys::instance(dbname, instname).fits() || size == 0 || name == nullptr)
     return PRSR_ERR_ARGUMENT;
   Call call(ctx, "prsr_get_instance_name");
-  NameCopy db(call.meta), inst(call.meta);
-  if (!db.lower(dbname))
-    return call.no_memory(db.size());
-  if (!inst.lower(instname))
-    return call.no_memory(inst.size());
-  KeyBlock key(call.meta);
-  if (!key.build(keys::instance(db.get(), inst.get()), kKeyMax))
-    return call.no_memory(key.size());
+  NameCopy db(call), inst(call);
+  KeyBlock key(call);
+  if (!db.lower(dbname) || !inst.lower(instname) ||
+      !key.build(keys::instance(db.get(), inst.get()), kKeyMax))
+    return PRSR_ERR_MEMORY;
   return read_name(call, key.get(), size, name);
 }
 
@@ -56,12 +53,10 @@ extern "C" PRSR_API int32_t prsr_get_spname(lks_status *, prsr_ctx *ctx, const c
   if (!keys::database(dbname).fits() || size == 0 || name == nullptr)
     return PRSR_ERR_ARGUMENT;
   Call call(ctx, "prsr_get_spname");
-  NameCopy db(call.meta);
-  if (!db.lower(dbname))
-    return call.no_memory(db.size());
-  KeyBlock key(call.meta);
-  if (!key.build(keys::database(db.get()), kKeyMax))
-    return call.no_memory(key.size());
+  NameCopy db(call);
+  KeyBlock key(call);
+  if (!db.lower(dbname) || !key.build(keys::database(db.get()), kKeyMax))
+    return PRSR_ERR_MEMORY;
   return read_name(call, key.get(), size, name);
 }
 
@@ -72,12 +67,10 @@ extern "C" PRSR_API int32_t prsr_get_domain(lks_status *, prsr_ctx *ctx, const c
   if (!keys::database_leaf(dbname, "DOMAIN").fits() || domain_out == nullptr)
     return PRSR_ERR_ARGUMENT;
   Call call(ctx, "prsr_get_domain");
-  NameCopy db(call.meta);
-  if (!db.lower(dbname))
-    return call.no_memory(db.size());
-  KeyBlock key(call.meta);
-  if (!key.build(keys::database_leaf(db.get(), "DOMAIN")))
-    return call.no_memory(key.size());
+  NameCopy db(call);
+  KeyBlock key(call);
+  if (!db.lower(dbname) || !key.build(keys::database_leaf(db.get(), "DOMAIN")))
+    return PRSR_ERR_MEMORY;
   trcprintf(call.comp, 4, "prsr_get_domain: key_name = [%s]", key.get());
 
   /* From here on the caller's pointer is only ever NULL or the domain. */
@@ -165,11 +158,9 @@ extern "C" PRSR_API int32_t prsr_get_node_instance_name(lks_status *status, prsr
   uint32_t cap = std::min<uint32_t>(
       size, static_cast<uint32_t>(keys::instance_leaf(dbname, "", "NODE").room()));
 
-  NameCopy db(meta), nd(meta);
-  if (!db.lower(dbname))
-    return call.no_memory(db.size());
-  if (!nd.lower(node))
-    return call.no_memory(nd.size());
+  NameCopy db(call), nd(call);
+  if (!db.lower(dbname) || !nd.lower(node))
+    return PRSR_ERR_MEMORY;
   Owned<char> key(meta);
   if (!key.allocate(kKeyMax))
     return call.no_memory(kKeyMax);

@@ -14,15 +14,15 @@ extern "C" PRSR_API int32_t prsr_get_db_role(lks_status *, prsr_ctx *ctx, const 
   if (!keys::database_leaf(dbname, "ROLE").fits() || role == nullptr)
     return PRSR_ERR_ARGUMENT;
   Call call(ctx, "prsr_get_db_role");
-  NameCopy db(call.meta);
+  NameCopy db(call);
   if (!db.lower(dbname))
-    return call.no_memory(db.size());
+    return PRSR_ERR_MEMORY;
   Owned<char> upper(call.meta);
   if (!upper.allocate(kValueMax))
     return call.no_memory(kValueMax);
-  KeyBlock key(call.meta);
+  KeyBlock key(call);
   if (!key.build(keys::database_leaf(db.get(), "ROLE")))
-    return call.no_memory(key.size());
+    return PRSR_ERR_MEMORY;
 
   Owned<char> value(call.meta);
   int32_t rc = prsr_open_get_value(ctx, call.hvs, key.get(), value.out());
@@ -50,9 +50,9 @@ extern "C" PRSR_API int32_t prsr_set_db_role(lks_status *status, prsr_ctx *ctx, 
   if (!keys::database_leaf(dbname, "ROLE").fits())
     return PRSR_ERR_ARGUMENT;
   Call call(ctx, "prsr_set_db_role");
-  NameCopy db(call.meta);
+  NameCopy db(call);
   if (!db.lower(dbname))
-    return call.no_memory(db.size());
+    return PRSR_ERR_MEMORY;
   /* The number is looked at before anything touches the registry. */
   if (role >= kRoleCount)
     return PRSR_ERR_ROLE;
@@ -61,9 +61,9 @@ extern "C" PRSR_API int32_t prsr_set_db_role(lks_status *status, prsr_ctx *ctx, 
   if (!text.allocate(tn))
     return call.no_memory(tn);
   std::memcpy(text.get(), kRoleWords[role], tn);
-  KeyBlock key(call.meta);
+  KeyBlock key(call);
   if (!key.build(keys::database_leaf(db.get(), "ROLE")))
-    return call.no_memory(key.size());
+    return PRSR_ERR_MEMORY;
 
   /* Shared: role writers may overlap each other and readers; an exclusive
    * holder keeps them out. */

@@ -16,14 +16,11 @@ extern "C" PRSR_API int32_t prsr_get_service_enabled(lks_status *, prsr_ctx *ctx
   if (!keys::service_leaf(dbname, srvname, "ENABLED").fits() || enabled == nullptr)
     return PRSR_ERR_ARGUMENT;
   Call call(ctx, "prsr_get_service_enabled");
-  NameCopy db(call.meta), srv(call.meta);
-  if (!db.lower(dbname))
-    return call.no_memory(db.size());
-  if (!srv.service(srvname))
-    return call.no_memory(srv.size());
-  KeyBlock key(call.meta);
-  if (!key.build(keys::service_leaf(db.get(), srv.get(), "ENABLED")))
-    return call.no_memory(key.size());
+  NameCopy db(call), srv(call);
+  KeyBlock key(call);
+  if (!db.lower(dbname) || !srv.service(srvname) ||
+      !key.build(keys::service_leaf(db.get(), srv.get(), "ENABLED")))
+    return PRSR_ERR_MEMORY;
   return prsr_get_enabled_key(ctx, key.get(), enabled);
 }
 
@@ -32,11 +29,10 @@ namespace {
 /* Writes `enable` to the ENABLED key of every subkey of the open INSTANCES
  * key, in enumeration order; stops at the first failure. `sub` is a zeroed
  * buffer of kKeyMax bytes for the subkey names. */
-int32_t set_instance_flags(prsr_ctx *ctx, void *instances, const char *instances_key,
+int32_t set_instance_flags(const Call &call, void *instances, const char *instances_key,
                            const char *db, const char *srv, char *sub, uint32_t enable) {
-  void *meta = ctx->metactx;
-  void *hvs = ctx->hvs_handle;
-  uintptr_t comp = ctx->trace_comp;
+  void *hvs = call.hvs;
+  uintptr_t comp = call.comp;
 
   uint32_t len = kKeyMax;
   int32_t count = 0;
@@ -44,18 +40,15 @@ int32_t set_instance_flags(prsr_ctx *ctx, void *instances, const char *instances
   if (rc == HVS_ERR_NO_MORE && count < 0)
     return PRSR_SUCCESS; /* a service without instances */
   if (rc != 0) {
-    prsr_report_hvs_failure(hvs, comp, "prsr_set_service_enabled", "hvsapi_enum_subkey", rc,
-                            instances_key);
+    prsr_report_hvs_failure(hvs, comp, call.name, "hvsapi_enum_subkey", rc, instances_key);
     return PRSR_ERR_REGISTRY;
   }
   for (int32_t i = 0; i <= count; ++i) {
-    KeyBlock key(meta);
-    if (!key.build(keys::service_instance_leaf(db, srv, sub, "ENABLED").spare(2))) {
-      trcprintf(comp, 0, "prsr_set_service_enabled: failed to allocate %d bytes",
-                static_cast<int>(key.size()));
+    KeyBlock key(call);
+    /* This walk's blocks have always kept one spare byte less. */
+    if (!key.build(keys::service_instance_leaf(db, srv, sub, "ENABLED").spare(2)))
       return PRSR_ERR_MEMORY;
-    }
-    rc = prsr_set_enabled_key(ctx, key.get(), enable);
+    rc = prsr_set_enabled_key(call.ctx, key.get(), enable);
     key.reset();
     if (rc != PRSR_SUCCESS)
       return rc;
@@ -66,8 +59,7 @@ int32_t set_instance_flags(prsr_ctx *ctx, void *instances, const char *instances
     int32_t scratch = 0;
     rc = hvsapi_enum_subkey(hvs, instances, sub, &len, &scratch);
     if (rc != 0) {
-      prsr_report_hvs_failure(hvs, comp, "prsr_set_service_enabled", "hvsapi_enum_subkey", rc,
-                              instances_key);
+      prsr_report_hvs_failure(hvs, comp, call.name, "hvsapi_enum_subkey", rc, instances_key);
       return PRSR_ERR_REGISTRY;
     }
   }
@@ -87,17 +79,15 @@ extern "C" PRSR_API int32_t prsr_set_service_enabled(lks_status *status, prsr_ct
   void *meta = call.meta;
   void *hvs = call.hvs;
   uintptr_t comp = call.comp;
-  NameCopy db(meta), srv(meta);
-  if (!db.lower(dbname))
-    return call.no_memory(db.size());
-  if (!srv.service(srvname))
-    return call.no_memory(srv.size());
+  NameCopy db(call), srv(call);
+  if (!db.lower(dbname) || !srv.service(srvname))
+    return PRSR_ERR_MEMORY;
   /* One block for the service's ENABLED key and then its INSTANCES key,
    * sized for the longer. */
   const KeyParts instances_key = keys::service_leaf(db.get(), srv.get(), "INSTANCES");
-  KeyBlock key(meta);
+  KeyBlock key(call);
   if (!key.build(instances_key))
-    return call.no_memory(key.size());
+    return PRSR_ERR_MEMORY;
   keys::service_leaf(db.get(), srv.get(), "ENABLED").write(key.get(), key.size());
 
   BranchLock lock(ctx);
@@ -115,16 +105,13 @@ extern "C" PRSR_API int32_t prsr_set_service_enabled(lks_status *status, prsr_ct
   Owned<char> sub(meta);
   rc = instances.open(key.get());
   if (rc != 0) {
-    prsr_report_hvs_failure(hvs, comp, "prsr_set_service_enabled", "hvsapi_open_key", rc,
-                            key.get());
+    prsr_report_hvs_failure(hvs, comp, call.name, "hvsapi_open_key", rc, key.get());
     rc = PRSR_ERR_REGISTRY;
   } else if (!sub.allocate(kKeyMax)) {
-    trcprintf(comp, 0, "prsr_set_service_enabled: failed to allocate %d bytes",
-              static_cast<int>(kKeyMax));
-    rc = PRSR_ERR_MEMORY;
+    rc = call.no_memory(kKeyMax);
   } else {
-    rc =
-        set_instance_flags(ctx, instances.get(), key.get(), db.get(), srv.get(), sub.get(), enable);
+    rc = set_instance_flags(call, instances.get(), key.get(), db.get(), srv.get(), sub.get(),
+                            enable);
   }
   instances.close();
   lock.release();
@@ -139,14 +126,11 @@ extern "C" PRSR_API int32_t prsr_get_service_fov_policy(lks_status *, prsr_ctx *
   if (!keys::service_leaf(dbname, srvname, "FOVPOLICY").fits() || policy == nullptr)
     return PRSR_ERR_ARGUMENT;
   Call call(ctx, "prsr_get_service_fov_policy");
-  NameCopy db(call.meta), srv(call.meta);
-  if (!db.lower(dbname))
-    return call.no_memory(db.size());
-  if (!srv.service(srvname))
-    return call.no_memory(srv.size());
-  KeyBlock key(call.meta);
-  if (!key.build(keys::service_leaf(db.get(), srv.get(), "FOVPOLICY")))
-    return call.no_memory(key.size());
+  NameCopy db(call), srv(call);
+  KeyBlock key(call);
+  if (!db.lower(dbname) || !srv.service(srvname) ||
+      !key.build(keys::service_leaf(db.get(), srv.get(), "FOVPOLICY")))
+    return PRSR_ERR_MEMORY;
 
   Owned<char> value(call.meta);
   int32_t rc = prsr_open_get_value(ctx, call.hvs, key.get(), value.out());

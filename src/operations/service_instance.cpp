@@ -12,18 +12,11 @@ namespace {
 
 /* The lower-cased copies of the three names of a service instance, made in
  * order: the database's, the service's (as a key component), the
- * instance's. On failure, the line of the failed allocation is left and the
- * result is 2. */
+ * instance's. */
 struct Names {
-  explicit Names(void *meta) : db(meta), srv(meta), inst(meta) {}
-  int32_t copy(const Call &call, const char *dbname, const char *srvname, const char *instname) {
-    if (!db.lower(dbname))
-      return call.no_memory(db.size());
-    if (!srv.service(srvname))
-      return call.no_memory(srv.size());
-    if (!inst.lower(instname))
-      return call.no_memory(inst.size());
-    return PRSR_SUCCESS;
+  explicit Names(const Call &call) : db(call), srv(call), inst(call) {}
+  bool copy(const char *dbname, const char *srvname, const char *instname) {
+    return db.lower(dbname) && srv.service(srvname) && inst.lower(instname);
   }
   KeyParts key(const char *word) const {
     return keys::service_instance_leaf(db.get(), srv.get(), inst.get(), word);
@@ -49,17 +42,17 @@ extern "C" PRSR_API int32_t prsr_get_service_instance_enabled(lks_status *, prsr
             "instname=%s",
             dbname, srvname, instname);
 
-  Names n(call.meta);
-  if (int32_t rc = n.copy(call, dbname, srvname, instname))
-    return rc;
+  Names n(call);
+  if (!n.copy(dbname, srvname, instname))
+    return PRSR_ERR_MEMORY;
   trcprintf(call.comp, 4,
             "prsr_get_service_instance_enabled: Inside function dbname=%s, servname=%s, "
             "instname=%s",
             n.db.get(), n.srv.get(), n.inst.get());
 
-  KeyBlock key(call.meta);
+  KeyBlock key(call);
   if (!key.build(n.key("ENABLED")))
-    return call.no_memory(key.size());
+    return PRSR_ERR_MEMORY;
   trcprintf(call.comp, 4, "prsr_get_service_instance_enabled: ENABLED KEY NAME = %s", key.get());
   return prsr_get_enabled_key(ctx, key.get(), enabled);
 }
@@ -74,12 +67,10 @@ extern "C" PRSR_API int32_t prsr_set_service_instance_enabled(lks_status *status
   if (!keys::service_instance_leaf(dbname, srvname, instname, "ENABLED").fits())
     return PRSR_ERR_ARGUMENT;
   Call call(ctx, "prsr_set_service_instance_enabled");
-  Names n(call.meta);
-  if (int32_t rc = n.copy(call, dbname, srvname, instname))
-    return rc;
-  KeyBlock key(call.meta);
-  if (!key.build(n.key("ENABLED")))
-    return call.no_memory(key.size());
+  Names n(call);
+  KeyBlock key(call);
+  if (!n.copy(dbname, srvname, instname) || !key.build(n.key("ENABLED")))
+    return PRSR_ERR_MEMORY;
 
   /* Shared: one instance's flag for one service can change beside other
    * shared holders; only an exclusive holder keeps it out. */
@@ -105,9 +96,9 @@ extern "C" PRSR_API int32_t prsr_get_service_instance_supported(lks_status *, pr
       supported == nullptr)
     return PRSR_ERR_ARGUMENT;
   Call call(ctx, "prsr_get_service_instance_supported");
-  Names n(call.meta);
-  if (int32_t rc = n.copy(call, dbname, srvname, instname))
-    return rc;
+  Names n(call);
+  if (!n.copy(dbname, srvname, instname))
+    return PRSR_ERR_MEMORY;
   /* The instance's key; a failed allocation here leaves no line. */
   KeyBlock inst_key(call.meta);
   if (!inst_key.build(keys::service_instance(n.db.get(), n.srv.get(), n.inst.get())))
