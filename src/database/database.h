@@ -31,5 +31,17 @@ PRSR_INTERNAL void prsr_free_service_entry(void *metactx, prsr_service_cfg *entr
 
 #ifdef __cplusplus
 }
+
+#include "frame/frame.h"
+
+namespace prsr {
+
+/* Reads key_name as an entry's flag: anything but "FALSE" (in any case) is
+ * 1. A key that does not open or read is reported under the call's name
+ * and leaves *flag as it is. value is a scratch buffer of kValueMax bytes;
+ * the key is closed on return. */
+void read_flag(const Call &call, const char *key_name, char *value, uint32_t *flag);
+
+} // namespace prsr
 #endif
 #endif

@@ -115,18 +115,23 @@ extern "C" PRSR_INTERNAL int32_t prsr_fill_instance(prsr_ctx *ctx, const char *d
 
   /* ENABLED: anything but "FALSE" is enabled; unreadable stays 0. */
   KeyParts{inst_key.get(), "ENABLED"}.write(name.get());
-  rc = key.open(name.get());
-  if (rc != 0) {
-    prsr_report_hvs_failure(hvs, comp, kSelf, "hvsapi_open_key", rc, name.get());
-    return PRSR_SUCCESS;
-  }
-  std::memset(value.get(), 0, kValueMax);
-  type = 0;
-  len = kValueMax;
-  rc = read_text(hvs, key.get(), &type, value.get(), &len);
-  if (rc != 0)
-    prsr_report_hvs_failure(hvs, comp, kSelf, "hvsapi_get_value", rc, name.get());
-  else
-    e->enabled = txticmp(value.get(), "FALSE") != 0 ? 1 : 0;
+  read_flag(call, name.get(), value.get(), &e->enabled);
   return PRSR_SUCCESS;
+}
+
+void prsr::read_flag(const Call &call, const char *key_name, char *value, uint32_t *flag) {
+  OpenKey key(call.hvs);
+  int32_t rc = key.open(key_name);
+  if (rc != 0) {
+    prsr_report_hvs_failure(call.hvs, call.comp, call.name, "hvsapi_open_key", rc, key_name);
+    return;
+  }
+  std::memset(value, 0, kValueMax);
+  uint32_t type = 0;
+  uint32_t len = kValueMax;
+  rc = read_text(call.hvs, key.get(), &type, value, &len);
+  if (rc != 0)
+    prsr_report_hvs_failure(call.hvs, call.comp, call.name, "hvsapi_get_value", rc, key_name);
+  else
+    *flag = txticmp(value, "FALSE") != 0 ? 1 : 0;
 }

@@ -234,18 +234,6 @@ extern "C" PRSR_INTERNAL int32_t prsr_fill_service(prsr_ctx *ctx, const char *db
 
   /* ENABLED of the service: anything but "FALSE" is enabled. */
   KeyParts{srv_key.get(), "ENABLED"}.write(name.get());
-  rc = key.open(name.get());
-  if (rc != 0) {
-    prsr_report_hvs_failure(hvs, comp, kSelf, "hvsapi_open_key", rc, name.get());
-    return PRSR_SUCCESS;
-  }
-  std::memset(value.get(), 0, kValueMax);
-  type = 0;
-  len = kValueMax;
-  rc = read_text(hvs, key.get(), &type, value.get(), &len);
-  if (rc != 0)
-    prsr_report_hvs_failure(hvs, comp, kSelf, "hvsapi_get_value", rc, name.get());
-  else
-    e->enabled = txticmp(value.get(), "FALSE") != 0 ? 1 : 0;
+  read_flag(call, name.get(), value.get(), &e->enabled);
   return PRSR_SUCCESS;
 }

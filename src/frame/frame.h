@@ -164,6 +164,13 @@ public:
   }
 };
 
+/* Frees a text and clears the pointer; NULL is fine. */
+inline void free_text(void *meta, char *&text) {
+  if (text != nullptr)
+    u_freem(meta, text);
+  text = nullptr;
+}
+
 /* Frees a table of texts with `count` slots (NULL slots skipped) and the
  * table itself; NULL is fine. */
 inline void free_texts(void *meta, char **table, uint32_t count) {

@@ -9,12 +9,6 @@ using namespace prsr;
 
 namespace {
 
-void free_text(void *meta, char *&text) {
-  if (text != nullptr)
-    u_freem(meta, text);
-  text = nullptr;
-}
-
 /* Frees a record and everything it points to. */
 void free_nodeapps(void *meta, prsr_nodeapps_cfg *cfg) {
   free_text(meta, cfg->node_name);

@@ -13,12 +13,6 @@ using namespace prsr;
 
 namespace {
 
-void free_text(void *meta, char *&text) {
-  if (text != nullptr)
-    u_freem(meta, text);
-  text = nullptr;
-}
-
 /* Frees a record and everything it points to. */
 void free_vlm(void *meta, prsr_vlm_cfg *cfg) {
   free_text(meta, cfg->bootcfg);
