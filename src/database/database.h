@@ -36,6 +36,38 @@ PRSR_INTERNAL void prsr_free_service_entry(void *metactx, prsr_service_cfg *entr
 
 namespace prsr {
 
+/* What an entry fill works in, allocated in this order: the entry, a
+ * value buffer, and two fixed key buffers (the entry's own key and the key
+ * of the moment). Each failure leaves the call's line; result 0 or 2. */
+template <class Entry> struct FillBlocks {
+  explicit FillBlocks(void *meta) : entry(meta), value(meta), entry_key(meta), key(meta) {}
+  int32_t allocate(const Call &call) {
+    if (!entry.allocate(sizeof(Entry)))
+      return call.no_memory(sizeof(Entry));
+    if (!value.allocate(kValueMax))
+      return call.no_memory(kValueMax);
+    if (!entry_key.allocate(kKeyMax) || !key.allocate(kKeyMax))
+      return call.no_memory(kKeyMax);
+    return PRSR_SUCCESS;
+  }
+  Owned<Entry> entry;
+  Owned<char> value, entry_key, key;
+};
+
+/* Writes the entry's key into dst (kKeyMax bytes) when every key of the entry
+ * fits: `longest` is the longest of them. Otherwise leaves the call's
+ * line and gives false. */
+inline bool entry_key(const Call &call, char *dst, const KeyParts &entry, const KeyParts &longest,
+                      const char *what, const char *name, const char *under) {
+  if (!longest.fits()) {
+    trcprintf(call.comp, 0, "%s: key names of %s %s under %s exceed %d bytes", call.name, what,
+              name, under, static_cast<int>(kKeyMax));
+    return false;
+  }
+  entry.write(dst);
+  return true;
+}
+
 /* Reads key_name as an entry's flag: anything but "FALSE" (in any case) is
  * 1. A key that does not open or read is reported under the call's name
  * and leaves *flag as it is. value is a scratch buffer of kValueMax bytes;

@@ -29,28 +29,18 @@ extern "C" PRSR_INTERNAL int32_t prsr_fill_instance(prsr_ctx *ctx, const char *d
   const char *kSelf = call.name;
   trcprintf(comp, 4, "prsr_fill_instance: db_key = %s key name = %s", db_key, key_name);
   auto no_memory = [&call](uint64_t size) { return call.no_memory(size); };
-  Owned<prsr_instance_cfg> entry(meta);
-  if (!entry.allocate(sizeof(prsr_instance_cfg)))
-    return no_memory(sizeof(prsr_instance_cfg));
-  Owned<char> value(meta);
-  if (!value.allocate(kValueMax))
-    return no_memory(kValueMax);
-  Owned<char> name(meta);
-  if (!name.allocate(kKeyMax))
-    return no_memory(kKeyMax);
-  Owned<char> inst_key(meta);
-  if (!inst_key.allocate(kKeyMax))
-    return no_memory(kKeyMax);
+  FillBlocks<prsr_instance_cfg> b(meta);
+  if (int32_t rc = b.allocate(call))
+    return rc;
+  Owned<prsr_instance_cfg> &entry = b.entry;
+  Owned<char> &value = b.value, &name = b.key, &inst_key = b.entry_key;
 
   /* The longest key read here is <instance key>.ENVIRONMENT: once that is
    * known to fit, every other key of the instance fits as well. */
   const KeyParts inst_parts{db_key, "INSTANCE", key_name};
-  if (!(inst_parts / "ENVIRONMENT").fits()) {
-    trcprintf(comp, 0, "prsr_fill_instance: key names of instance %s under %s exceed %d bytes",
-              key_name, db_key, static_cast<int>(kKeyMax));
+  if (!entry_key(call, inst_key.get(), inst_parts, inst_parts / "ENVIRONMENT", "instance", key_name,
+                 db_key))
     return PRSR_ERR_REGISTRY;
-  }
-  inst_parts.write(inst_key.get());
   trcprintf(comp, 4, "prsr_fill_instance: Instance Key = %s", inst_key.get());
 
   /* From here on the entry belongs to the table. */

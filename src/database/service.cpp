@@ -59,28 +59,18 @@ extern "C" PRSR_INTERNAL int32_t prsr_fill_service(prsr_ctx *ctx, const char *db
   trcprintf(comp, 4, "prsr_fill_service: dbname = [%s], dbkey = [%s],  srvname = %s", dbname, dbkey,
             srvname);
   auto no_memory = [&call](uint64_t size) { return call.no_memory(size); };
-  Owned<prsr_service_cfg> record(meta);
-  if (!record.allocate(sizeof(prsr_service_cfg)))
-    return no_memory(sizeof(prsr_service_cfg));
-  Owned<char> value(meta);
-  if (!value.allocate(kValueMax))
-    return no_memory(kValueMax);
-  Owned<char> srv_key(meta);
-  if (!srv_key.allocate(kKeyMax))
-    return no_memory(kKeyMax);
-  Owned<char> name(meta);
-  if (!name.allocate(kKeyMax))
-    return no_memory(kKeyMax);
+  FillBlocks<prsr_service_cfg> b(meta);
+  if (int32_t rc = b.allocate(call))
+    return rc;
+  Owned<prsr_service_cfg> &record = b.entry;
+  Owned<char> &value = b.value, &srv_key = b.entry_key, &name = b.key;
 
   /* <service key>.ENVIRONMENT is the longest key built from the service key
    * alone; the keys of its instances are measured one by one. */
   const KeyParts srv_parts{dbkey, "SERVICE", srvname};
-  if (!(srv_parts / "ENVIRONMENT").fits()) {
-    trcprintf(comp, 0, "prsr_fill_service: key names of service %s under %s exceed %d bytes",
-              srvname, dbkey, static_cast<int>(kKeyMax));
+  if (!entry_key(call, srv_key.get(), srv_parts, srv_parts / "ENVIRONMENT", "service", srvname,
+                 dbkey))
     return PRSR_ERR_REGISTRY;
-  }
-  srv_parts.write(srv_key.get());
   trcprintf(comp, 4, "prsr_fill_service: srv key name = %s", srv_key.get());
 
   /* Published before anything is read: every later failure leaves it where
