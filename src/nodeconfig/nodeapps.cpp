@@ -24,9 +24,8 @@ void free_nodeapps(void *meta, prsr_nodeapps_cfg *cfg) {
  * buffers through which the optional values are read. */
 class Reader {
 public:
-  Reader(prsr_ctx *ctx, const char *entry, char *key, char *value)
-      : ctx_(ctx), hvs_(ctx->hvs_handle), comp_(ctx->trace_comp), entry_(entry), key_(key),
-        value_(value) {}
+  Reader(const Call &call, const char *entry, char *key, char *value)
+      : call_(call), hvs_(call.hvs), comp_(call.comp), entry_(entry), key_(key), value_(value) {}
 
   /* Reads entry.<leaf> into *field. A key that does not open leaves the
    * field NULL; one that opens but does not read gives the empty text.
@@ -37,8 +36,7 @@ public:
     OpenKey key(hvs_);
     int32_t rc = key.open(key_);
     if (rc != 0) {
-      prsr_report_hvs_failure(hvs_, comp_, "prsr_fetch_nodeapps_config", "hvsapi_open_key", rc,
-                              key_);
+      prsr_report_hvs_failure(hvs_, comp_, call_.name, "hvsapi_open_key", rc, key_);
       return PRSR_SUCCESS;
     }
     uint32_t len = 0;
@@ -66,8 +64,7 @@ private:
     *len = kValueMax;
     int32_t rc = hvsapi_get_value(hvs_, key.get(), &type, value_, len);
     if (rc != 0) {
-      prsr_report_hvs_failure(hvs_, comp_, "prsr_fetch_nodeapps_config", "hvsapi_get_value", rc,
-                              key_);
+      prsr_report_hvs_failure(hvs_, comp_, call_.name, "hvsapi_get_value", rc, key_);
       return false;
     }
     return true;
@@ -75,16 +72,11 @@ private:
 
   /* The field as the first len bytes of the value buffer and a NUL. */
   int32_t store(char **field, uint32_t len) {
-    *field = prsr_dup_bytes(ctx_->metactx, value_, len);
-    if (*field == nullptr) {
-      trcprintf(comp_, 0, "prsr_fetch_nodeapps_config: failed to allocate %d bytes",
-                static_cast<int>(len) + 1);
-      return PRSR_ERR_MEMORY;
-    }
-    return PRSR_SUCCESS;
+    *field = prsr_dup_bytes(call_.meta, value_, len);
+    return *field != nullptr ? PRSR_SUCCESS : call_.no_memory(uint64_t{len} + 1);
   }
 
-  prsr_ctx *ctx_;
+  const Call &call_;
   void *hvs_;
   uintptr_t comp_;
   const char *entry_;
@@ -164,7 +156,7 @@ extern "C" PRSR_API int32_t prsr_fetch_nodeapps_config(lks_status *status, prsr_
   if (!value_buf.allocate(kValueMax))
     return call.no_memory(kValueMax);
 
-  Reader reader(ctx, entry.get(), key_buf.get(), value_buf.get());
+  Reader reader(call, entry.get(), key_buf.get(), value_buf.get());
   if ((rc = reader.optional("TERVAN_HOME", &cfg->tervan_home)) != PRSR_SUCCESS ||
       (rc = reader.optional("VIP", &cfg->vip, true)) != PRSR_SUCCESS ||
       (rc = reader.optional("VIP.NETMASK", &cfg->netmask)) != PRSR_SUCCESS ||

@@ -9,15 +9,14 @@ using namespace prsr;
 
 extern "C" PRSR_INTERNAL int32_t prsr_open_get_value(prsr_ctx *ctx, void *hvs_handle,
                                                      const char *key_name, char **value_out) {
-  void *meta = ctx->metactx;
-  uintptr_t comp = ctx->trace_comp;
+  Call call(ctx, "prsr_open_get_value");
+  void *meta = call.meta;
+  uintptr_t comp = call.comp;
   constexpr uint32_t kFirst = 64;
 
   *value_out = static_cast<char *>(u_allocm(meta, kFirst));
   if (*value_out == nullptr) {
-    trcprintf(comp, 0, "prsr_open_get_value: failed to allocate %d bytes",
-              static_cast<int>(kFirst));
-    return PRSR_ERR_MEMORY;
+    return call.no_memory(kFirst);
   }
   OpenKey key(hvs_handle);
   int32_t rc = key.open(key_name);
@@ -34,9 +33,7 @@ extern "C" PRSR_INTERNAL int32_t prsr_open_get_value(prsr_ctx *ctx, void *hvs_ha
     const uint32_t need = len;
     *value_out = static_cast<char *>(u_allocm(meta, need));
     if (*value_out == nullptr) {
-      trcprintf(comp, 0, "prsr_open_get_value: failed to allocate %d bytes",
-                static_cast<int>(need));
-      return PRSR_ERR_MEMORY;
+      return call.no_memory(need);
     }
     rc = hvsapi_get_value(hvs_handle, key.get(), &type, *value_out, &len);
     if (rc != 0) {
@@ -62,6 +59,7 @@ extern "C" PRSR_INTERNAL int32_t prsr_open_get_value(prsr_ctx *ctx, void *hvs_ha
 extern "C" PRSR_INTERNAL int32_t prsr_get_multivalues(void *metactx, uintptr_t trace_comp,
                                                       void *hvs_handle, const char *key_name,
                                                       char ***list_out, uint32_t *count_out) {
+  Call call(metactx, hvs_handle, trace_comp, "prsr_get_multivalues");
   constexpr uint32_t kFirst = kValueMax;
   *count_out = 0;
   trcprintf(trace_comp, 4, "prsr_get_multivalues: inkey_name = %s", key_name);
@@ -72,22 +70,16 @@ extern "C" PRSR_INTERNAL int32_t prsr_get_multivalues(void *metactx, uintptr_t t
     return PRSR_SUCCESS;
   }
   Owned<char> first(metactx);
-  if (!first.allocate(kFirst)) {
-    trcprintf(trace_comp, 0, "prsr_get_multivalues: failed to allocate %d bytes",
-              static_cast<int>(kFirst));
-    return PRSR_ERR_MEMORY;
-  }
+  if (!first.allocate(kFirst))
+    return call.no_memory(kFirst);
   Owned<char> second(metactx);
   uint32_t type = 0;
   uint32_t len = kFirst;
   char *value = first.get();
   int32_t rc = read_text(hvs_handle, key.get(), &type, value, &len);
   if (rc == HVS_ERR_SMALL_BUFFER) {
-    if (!second.allocate(uint64_t{len} + 1)) {
-      trcprintf(trace_comp, 0, "prsr_get_multivalues: failed to allocate %d bytes",
-                static_cast<int>(len) + 1);
-      return PRSR_ERR_MEMORY;
-    }
+    if (!second.allocate(uint64_t{len} + 1))
+      return call.no_memory(uint64_t{len} + 1);
     value = second.get();
     rc = hvsapi_get_value(hvs_handle, key.get(), &type, value, &len);
   }
@@ -116,8 +108,7 @@ extern "C" PRSR_INTERNAL int32_t prsr_get_multivalues(void *metactx, uintptr_t t
   auto **table = static_cast<char **>(u_allocm(metactx, table_size));
   *list_out = table;
   if (table == nullptr) {
-    trcprintf(trace_comp, 0, "prsr_get_multivalues: failed to allocate %d bytes",
-              static_cast<int>(table_size));
+    call.no_memory(table_size);
     *count_out = 0;
     return PRSR_ERR_MEMORY;
   }
@@ -131,8 +122,7 @@ extern "C" PRSR_INTERNAL int32_t prsr_get_multivalues(void *metactx, uintptr_t t
     trcprintf(trace_comp, 4, "prsr_get_multivalues: value length = %d", static_cast<int>(n));
     auto *text = static_cast<char *>(u_allocm(metactx, uint64_t{n} + 1));
     if (text == nullptr) {
-      trcprintf(trace_comp, 0, "prsr_get_multivalues: failed to allocate %d bytes",
-                static_cast<int>(n) + 1);
+      call.no_memory(uint64_t{n} + 1);
       key.close();
       free_texts(metactx, table, count);
       *list_out = nullptr;
@@ -153,6 +143,7 @@ extern "C" PRSR_INTERNAL int32_t prsr_get_multivalues(void *metactx, uintptr_t t
 extern "C" PRSR_INTERNAL int32_t prsr_get_subkeys(void *metactx, uintptr_t trace_comp,
                                                   void *hvs_handle, const char *key_name,
                                                   char ***names_out, uint32_t *count_out) {
+  Call call(metactx, hvs_handle, trace_comp, "prsr_get_subkeys");
   *count_out = 0;
   OpenKey key(hvs_handle);
   if (key.open(key_name) != 0) {
@@ -160,11 +151,8 @@ extern "C" PRSR_INTERNAL int32_t prsr_get_subkeys(void *metactx, uintptr_t trace
     return PRSR_SUCCESS;
   }
   Owned<char> name(metactx);
-  if (!name.allocate(kKeyMax)) {
-    trcprintf(trace_comp, 0, "prsr_get_subkeys: failed to allocate %d bytes",
-              static_cast<int>(kKeyMax));
-    return PRSR_ERR_MEMORY;
-  }
+  if (!name.allocate(kKeyMax))
+    return call.no_memory(kKeyMax);
   uint32_t len = kKeyMax;
   int32_t remaining = 0;
   int32_t rc = hvsapi_enum_subkey(hvs_handle, key.get(), name.get(), &len, &remaining);
@@ -183,9 +171,7 @@ extern "C" PRSR_INTERNAL int32_t prsr_get_subkeys(void *metactx, uintptr_t trace
   auto **table = static_cast<char **>(u_allocm(metactx, table_size));
   *names_out = table;
   if (table == nullptr) {
-    trcprintf(trace_comp, 0, "prsr_get_subkeys: failed to allocate %d bytes",
-              static_cast<int>(table_size));
-    return PRSR_ERR_MEMORY;
+    return call.no_memory(table_size);
   }
   auto fail = [&](int32_t result) {
     free_texts(metactx, table, count);
@@ -206,8 +192,7 @@ extern "C" PRSR_INTERNAL int32_t prsr_get_subkeys(void *metactx, uintptr_t trace
     }
     table[i] = prsr_dup_bytes(metactx, name.get(), static_cast<uint32_t>(strnlen(name.get(), len)));
     if (table[i] == nullptr) {
-      trcprintf(trace_comp, 0, "prsr_get_subkeys: failed to allocate %d bytes",
-                static_cast<int>(len) + 1);
+      call.no_memory(uint64_t{len} + 1);
       return fail(PRSR_ERR_MEMORY);
     }
     if (i > 0)
@@ -222,33 +207,28 @@ extern "C" PRSR_INTERNAL int32_t prsr_get_case_preserved_values(void *metactx, u
                                                                 const char *parent_key,
                                                                 char **names, uint32_t count,
                                                                 char **values_out) {
+  Call call(metactx, hvs_handle, trace_comp, "prsr_get_case_preserved_values");
   for (uint32_t i = 0; i < count; ++i) {
     size_t name_len = std::strlen(names[i]);
-    KeyBlock joined(metactx);
-    if (!joined.build(KeyParts{parent_key, names[i]})) {
-      trcprintf(trace_comp, 0, "prsr_get_case_preserved_values: failed to allocate %d bytes",
-                static_cast<int>(joined.size()));
+    KeyBlock joined(call);
+    if (!joined.build(KeyParts{parent_key, names[i]}))
       return PRSR_ERR_MEMORY;
-    }
     OpenKey key(hvs_handle);
     int32_t rc = key.open(joined.get());
     if (rc != 0) {
-      prsr_report_hvs_failure(hvs_handle, trace_comp, "prsr_get_case_preserved_values",
-                              "hvsapi_open_key", rc, joined.get());
+      prsr_report_hvs_failure(hvs_handle, trace_comp, call.name, "hvsapi_open_key", rc,
+                              joined.get());
       return PRSR_ERR_REGISTRY;
     }
     Owned<char> value(metactx);
-    if (!value.allocate(name_len + 1)) {
-      trcprintf(trace_comp, 0, "prsr_get_case_preserved_values: failed to allocate %d bytes",
-                static_cast<int>(name_len) + 1);
-      return PRSR_ERR_MEMORY;
-    }
+    if (!value.allocate(name_len + 1))
+      return call.no_memory(uint64_t{name_len} + 1);
     uint32_t type = 0;
     uint32_t len = static_cast<uint32_t>(name_len) + 1;
     rc = read_text(hvs_handle, key.get(), &type, value.get(), &len);
     if (rc != 0) {
-      prsr_report_hvs_failure(hvs_handle, trace_comp, "prsr_get_case_preserved_values",
-                              "hvsapi_get_value", rc, joined.get());
+      prsr_report_hvs_failure(hvs_handle, trace_comp, call.name, "hvsapi_get_value", rc,
+                              joined.get());
       return PRSR_ERR_REGISTRY;
     }
     values_out[i] = value.release();
