@@ -19,9 +19,8 @@ struct Work : Call {
   char *key = nullptr;   /* kKeyMax */
   char *value = nullptr; /* kValueMax */
 
-  void report(const char *api, int32_t rc) const {
-    prsr_report_hvs_failure(hvs, comp, kSelf, api, rc, key);
-  }
+  /* The report of a failed registry call on the key of the moment. */
+  void failed(const char *api, int32_t rc) const { report(api, rc, key); }
 };
 
 /* How a single value that cannot be had is answered. */
@@ -48,14 +47,14 @@ int32_t read_single(const Work &w, const char *component, char **field, Missing 
     return PRSR_SUCCESS;
   }
   if (rc != 0) {
-    w.report("hvsapi_open_key", rc);
+    w.failed("hvsapi_open_key", rc);
     return PRSR_SUCCESS;
   }
   uint32_t type = 0;
   rc = hvsapi_get_value(w.hvs, key.get(), &type, w.value, &len);
   uint64_t size;
   if (rc != 0) {
-    w.report("hvsapi_get_value", rc);
+    w.failed("hvsapi_get_value", rc);
     size = 1;
     *field = static_cast<char *>(u_allocm(w.meta, size));
   } else {
@@ -77,7 +76,7 @@ int32_t read_branch(const Work &w, char *subkey, Entry ***table, uint32_t *count
   OpenKey key(w.hvs);
   int32_t rc = key.open(w.key);
   if (rc != 0) {
-    w.report("hvsapi_open_key", rc);
+    w.failed("hvsapi_open_key", rc);
     return PRSR_SUCCESS;
   }
   std::memset(subkey, 0, kKeyMax);
@@ -90,7 +89,7 @@ int32_t read_branch(const Work &w, char *subkey, Entry ***table, uint32_t *count
   if (rc == HVS_ERR_NO_MORE || (rc == 0 && remaining < 0))
     return PRSR_SUCCESS;
   if (rc != 0) {
-    w.report("hvsapi_enum_subkey", rc);
+    w.failed("hvsapi_enum_subkey", rc);
     return PRSR_SUCCESS;
   }
   uint32_t n = static_cast<uint32_t>(remaining) + 1;
@@ -105,7 +104,7 @@ int32_t read_branch(const Work &w, char *subkey, Entry ***table, uint32_t *count
       int32_t further = 0;
       rc = hvsapi_enum_subkey(w.hvs, key.get(), subkey, &len, &further);
       if (rc != 0) {
-        w.report("hvsapi_enum_subkey", rc);
+        w.failed("hvsapi_enum_subkey", rc);
         return PRSR_ERR_REGISTRY;
       }
     }
@@ -166,7 +165,7 @@ extern "C" PRSR_API int32_t prsr_fetch_db_config(lks_status *status, prsr_ctx *c
     return PRSR_ERR_NO_KEY;
   }
   if (rc != 0) {
-    prsr_report_hvs_failure(w.hvs, comp, kSelf, "hvsapi_open_key", rc, db_key.get());
+    w.report("hvsapi_open_key", rc, db_key.get());
     return PRSR_ERR_REGISTRY;
   }
   if ((cfg->sp_name = static_cast<char *>(u_allocm(meta, n + 1))) == nullptr)
@@ -175,7 +174,7 @@ extern "C" PRSR_API int32_t prsr_fetch_db_config(lks_status *status, prsr_ctx *c
   uint32_t len = static_cast<uint32_t>(n) + 1;
   rc = read_text(w.hvs, key.get(), &type, cfg->sp_name, &len);
   if (rc != 0) {
-    prsr_report_hvs_failure(w.hvs, comp, kSelf, "hvsapi_get_value", rc, db_key.get());
+    w.report("hvsapi_get_value", rc, db_key.get());
     return PRSR_ERR_REGISTRY;
   }
   trcprintf(comp, 4, "prsr_fetch_db_config: Database service provider(sp) name is %s",
@@ -196,13 +195,13 @@ extern "C" PRSR_API int32_t prsr_fetch_db_config(lks_status *status, prsr_ctx *c
   if (rc == HVS_ERR_NO_KEY) {
     trcprintf(comp, 4, "prsr_fetch_db_config: key %s not found", w.key);
   } else if (rc != 0) {
-    w.report("hvsapi_open_key", rc);
+    w.failed("hvsapi_open_key", rc);
   } else {
     type = 0;
     len = kValueMax;
     rc = hvsapi_get_value(w.hvs, key.get(), &type, w.value, &len);
     if (rc != 0) {
-      w.report("hvsapi_get_value", rc);
+      w.failed("hvsapi_get_value", rc);
     } else if ((cfg->clu_alias_ip = prsr_dup_bytes(meta, w.value, len)) == nullptr) {
       return w.no_memory(uint64_t{len} + 1);
     }
@@ -259,7 +258,7 @@ extern "C" PRSR_API int32_t prsr_fetch_db_config(lks_status *status, prsr_ctx *c
   trcprintf(comp, 4, "prsr_fetch_db_config: db_key = %s, key_name = %s", db_key.get(), w.key);
   rc = key.open(w.key);
   if (rc != 0) {
-    w.report("hvsapi_open_key", rc);
+    w.failed("hvsapi_open_key", rc);
   } else {
     std::memset(w.value, 0, kValueMax);
     type = 0;
@@ -267,7 +266,7 @@ extern "C" PRSR_API int32_t prsr_fetch_db_config(lks_status *status, prsr_ctx *c
     rc = read_text(w.hvs, key.get(), &type, w.value, &len);
     trcprintf(comp, 4, "prsr_fetch_db_config: value size is : %d", static_cast<int>(len));
     if (rc != 0) {
-      w.report("hvsapi_get_value", rc);
+      w.failed("hvsapi_get_value", rc);
     } else {
       trcprintf(comp, 4, "prsr_fetch_db_config: value is : %s", w.value);
       cfg->enabled = txticmp(w.value, "FALSE") != 0 ? 1 : 0;

@@ -26,9 +26,7 @@ extern "C" PRSR_INTERNAL int32_t prsr_fill_instance(prsr_ctx *ctx, const char *d
   void *meta = call.meta;
   void *hvs = call.hvs;
   uintptr_t comp = call.comp;
-  const char *kSelf = call.name;
   trcprintf(comp, 4, "prsr_fill_instance: db_key = %s key name = %s", db_key, key_name);
-  auto no_memory = [&call](uint64_t size) { return call.no_memory(size); };
   FillBlocks<prsr_instance_cfg> b(meta);
   if (int32_t rc = b.allocate(call))
     return rc;
@@ -55,20 +53,20 @@ extern "C" PRSR_INTERNAL int32_t prsr_fill_instance(prsr_ctx *ctx, const char *d
   uint32_t name_size = static_cast<uint32_t>(std::strlen(key_name)) + 1;
   e->instance_name = static_cast<char *>(u_allocm(meta, name_size));
   if (e->instance_name == nullptr) {
-    no_memory(name_size);
+    call.no_memory(name_size);
     return unpublish();
   }
   OpenKey key(hvs);
   int32_t rc = key.open(inst_key.get());
   if (rc != 0) {
-    prsr_report_hvs_failure(hvs, comp, kSelf, "hvsapi_open_key", rc, inst_key.get());
+    call.report("hvsapi_open_key", rc, inst_key.get());
     return PRSR_ERR_REGISTRY;
   }
   uint32_t type = 0;
   uint32_t len = name_size;
   rc = read_text(hvs, key.get(), &type, e->instance_name, &len);
   if (rc != 0) {
-    prsr_report_hvs_failure(hvs, comp, kSelf, "hvsapi_get_value", rc, inst_key.get());
+    call.report("hvsapi_get_value", rc, inst_key.get());
     return PRSR_ERR_REGISTRY;
   }
   key.close();
@@ -79,18 +77,18 @@ extern "C" PRSR_INTERNAL int32_t prsr_fill_instance(prsr_ctx *ctx, const char *d
             name.get());
   rc = key.open(name.get());
   if (rc != 0) {
-    prsr_report_hvs_failure(hvs, comp, kSelf, "hvsapi_open_key", rc, name.get());
+    call.report("hvsapi_open_key", rc, name.get());
   } else {
     std::memset(value.get(), 0, kValueMax);
     type = 0;
     len = kValueMax;
     rc = hvsapi_get_value(hvs, key.get(), &type, value.get(), &len);
     if (rc != 0) {
-      prsr_report_hvs_failure(hvs, comp, kSelf, "hvsapi_get_value", rc, name.get());
+      call.report("hvsapi_get_value", rc, name.get());
     } else {
       e->node_name = prsr_dup_bytes(meta, value.get(), len);
       if (e->node_name == nullptr) {
-        no_memory(uint64_t{len} + 1);
+        call.no_memory(uint64_t{len} + 1);
         key.close();
         return unpublish();
       }
@@ -113,7 +111,7 @@ void prsr::read_flag(const Call &call, const char *key_name, char *value, uint32
   OpenKey key(call.hvs);
   int32_t rc = key.open(key_name);
   if (rc != 0) {
-    prsr_report_hvs_failure(call.hvs, call.comp, call.name, "hvsapi_open_key", rc, key_name);
+    call.report("hvsapi_open_key", rc, key_name);
     return;
   }
   std::memset(value, 0, kValueMax);
@@ -121,7 +119,7 @@ void prsr::read_flag(const Call &call, const char *key_name, char *value, uint32
   uint32_t len = kValueMax;
   rc = read_text(call.hvs, key.get(), &type, value, &len);
   if (rc != 0)
-    prsr_report_hvs_failure(call.hvs, call.comp, call.name, "hvsapi_get_value", rc, key_name);
+    call.report("hvsapi_get_value", rc, key_name);
   else
     *flag = txticmp(value, "FALSE") != 0 ? 1 : 0;
 }

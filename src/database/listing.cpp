@@ -104,7 +104,6 @@ extern "C" PRSR_API int32_t prsr_get_srv_instances(lks_status *status, prsr_ctx 
   void *meta = call.meta;
   void *hvs = call.hvs;
   uintptr_t comp = call.comp;
-  const char *kSelf = call.name;
   trcprintf(comp, 4, "prsr_get_srv_instances: List of instances for db %s srv %s", dbname, srvname);
 
   /* Every failure from here on leaves the caller's arrays NULL. */
@@ -140,7 +139,7 @@ extern "C" PRSR_API int32_t prsr_get_srv_instances(lks_status *status, prsr_ctx 
 
   int32_t rc = walk.open(first);
   if (rc != 0) {
-    prsr_report_hvs_failure(hvs, comp, kSelf, "hvsapi_open_key", rc, first);
+    call.report("hvsapi_open_key", rc, first);
     return fail(PRSR_ERR_REGISTRY);
   }
   subkey[0] = '\0';
@@ -150,7 +149,7 @@ extern "C" PRSR_API int32_t prsr_get_srv_instances(lks_status *status, prsr_ctx 
   if (rc == HVS_ERR_NO_MORE && remaining < 0)
     return PRSR_SUCCESS; /* no instances: count 0, arrays untouched */
   if (rc != 0) {
-    prsr_report_hvs_failure(hvs, comp, kSelf, "hvsapi_enum_key", rc, first);
+    call.report("hvsapi_enum_key", rc, first);
     return fail(PRSR_ERR_REGISTRY);
   }
 
@@ -170,7 +169,7 @@ extern "C" PRSR_API int32_t prsr_get_srv_instances(lks_status *status, prsr_ctx 
   auto read = [&](const char *name) -> int32_t {
     int32_t r = key.open(name);
     if (r != 0) {
-      prsr_report_hvs_failure(hvs, comp, kSelf, "hvsapi_open_key", r, name);
+      call.report("hvsapi_open_key", r, name);
       return PRSR_ERR_REGISTRY;
     }
     std::memset(value, 0, sizeof value);
@@ -179,7 +178,7 @@ extern "C" PRSR_API int32_t prsr_get_srv_instances(lks_status *status, prsr_ctx 
     r = hvsapi_get_value(hvs, key.get(), &type, value, &len);
     key.close();
     if (r != 0) {
-      prsr_report_hvs_failure(hvs, comp, kSelf, "hvsapi_get_value", r, name);
+      call.report("hvsapi_get_value", r, name);
       return PRSR_ERR_REGISTRY;
     }
     return PRSR_SUCCESS;
@@ -213,7 +212,7 @@ extern "C" PRSR_API int32_t prsr_get_srv_instances(lks_status *status, prsr_ctx 
     if (rc == HVS_ERR_NO_MORE && i + 1 == n)
       break;
     if (rc != 0) {
-      prsr_report_hvs_failure(hvs, comp, kSelf, "hvsapi_enum_subkey", rc, first);
+      call.report("hvsapi_enum_subkey", rc, first);
       return fail(PRSR_ERR_REGISTRY);
     }
   }

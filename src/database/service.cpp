@@ -58,7 +58,6 @@ extern "C" PRSR_INTERNAL int32_t prsr_fill_service(prsr_ctx *ctx, const char *db
   uintptr_t comp = call.comp;
   trcprintf(comp, 4, "prsr_fill_service: dbname = [%s], dbkey = [%s],  srvname = %s", dbname, dbkey,
             srvname);
-  auto no_memory = [&call](uint64_t size) { return call.no_memory(size); };
   FillBlocks<prsr_service_cfg> b(meta);
   if (int32_t rc = b.allocate(call))
     return rc;
@@ -81,18 +80,18 @@ extern "C" PRSR_INTERNAL int32_t prsr_fill_service(prsr_ctx *ctx, const char *db
   size_t srv_len = std::strlen(srvname);
   e->service_name = static_cast<char *>(u_allocm(meta, srv_len + 1));
   if (e->service_name == nullptr)
-    return no_memory(srv_len + 1);
+    return call.no_memory(srv_len + 1);
   OpenKey key(hvs);
   int32_t rc = key.open(srv_key.get());
   if (rc != 0) {
-    prsr_report_hvs_failure(hvs, comp, kSelf, "hvsapi_open_key", rc, srv_key.get());
+    call.report("hvsapi_open_key", rc, srv_key.get());
     return PRSR_ERR_REGISTRY;
   }
   uint32_t type = 0;
   uint32_t len = static_cast<uint32_t>(srv_len) + 1;
   rc = read_text(hvs, key.get(), &type, e->service_name, &len);
   if (rc != 0) {
-    prsr_report_hvs_failure(hvs, comp, kSelf, "hvsapi_get_value", rc, srv_key.get());
+    call.report("hvsapi_get_value", rc, srv_key.get());
     return PRSR_ERR_REGISTRY;
   }
   key.close();
@@ -108,7 +107,7 @@ extern "C" PRSR_INTERNAL int32_t prsr_fill_service(prsr_ctx *ctx, const char *db
   uint64_t table_size = uint64_t{names.count} * sizeof(char *);
   names.preserved = static_cast<char **>(u_allocm(meta, table_size));
   if (names.preserved == nullptr)
-    return no_memory(table_size);
+    return call.no_memory(table_size);
   rc = prsr_get_case_preserved_values(meta, comp, hvs, name.get(), names.subkeys, names.count,
                                       names.preserved);
   if (rc != 0) {
@@ -127,7 +126,7 @@ extern "C" PRSR_INTERNAL int32_t prsr_fill_service(prsr_ctx *ctx, const char *db
     }
     int32_t r = key.open(name.get());
     if (r != 0) {
-      prsr_report_hvs_failure(hvs, comp, kSelf, "hvsapi_open_key", r, name.get());
+      call.report("hvsapi_open_key", r, name.get());
       if (r != HVS_ERR_NO_KEY)
         return PRSR_ERR_REGISTRY;
       *kind = Kind::Missing;
@@ -139,7 +138,7 @@ extern "C" PRSR_INTERNAL int32_t prsr_fill_service(prsr_ctx *ctx, const char *db
     r = read_text(hvs, key.get(), &t, value.get(), &n);
     key.close();
     if (r != 0) {
-      prsr_report_hvs_failure(hvs, comp, kSelf, "hvsapi_get_value", r, name.get());
+      call.report("hvsapi_get_value", r, name.get());
       return PRSR_ERR_REGISTRY;
     }
     *kind = std::strcmp(value.get(), "PREFERRED") == 0   ? Kind::Preferred
@@ -160,17 +159,17 @@ extern "C" PRSR_INTERNAL int32_t prsr_fill_service(prsr_ctx *ctx, const char *db
 
   uint64_t size = (uint64_t{n_avail} + 1) * sizeof(char *);
   if ((e->avail_instances = static_cast<char **>(u_allocm(meta, size))) == nullptr)
-    return no_memory(size);
+    return call.no_memory(size);
   size = uint64_t{n_avail} * sizeof(uint32_t);
   if ((e->avail_enabled = static_cast<uint32_t *>(u_allocm(meta, size))) == nullptr)
-    return no_memory(size);
+    return call.no_memory(size);
   e->avail_count = n_avail;
   size = (uint64_t{n_pref} + 1) * sizeof(char *);
   if ((e->pref_instances = static_cast<char **>(u_allocm(meta, size))) == nullptr)
-    return no_memory(size);
+    return call.no_memory(size);
   size = uint64_t{n_pref} * sizeof(uint32_t);
   if ((e->pref_enabled = static_cast<uint32_t *>(u_allocm(meta, size))) == nullptr)
-    return no_memory(size);
+    return call.no_memory(size);
   e->pref_count = n_pref;
 
   /* Second pass: move each name into its list and read its flag. */
@@ -206,14 +205,14 @@ extern "C" PRSR_INTERNAL int32_t prsr_fill_service(prsr_ctx *ctx, const char *db
   KeyParts{srv_key.get(), "FOVPOLICY"}.write(name.get());
   rc = key.open(name.get());
   if (rc != 0) {
-    prsr_report_hvs_failure(hvs, comp, kSelf, "hvsapi_open_key", rc, name.get());
+    call.report("hvsapi_open_key", rc, name.get());
   } else {
     std::memset(value.get(), 0, kValueMax);
     type = 0;
     len = kValueMax;
     rc = read_text(hvs, key.get(), &type, value.get(), &len);
     if (rc != 0) {
-      prsr_report_hvs_failure(hvs, comp, kSelf, "hvsapi_get_value", rc, name.get());
+      call.report("hvsapi_get_value", rc, name.get());
     } else {
       if (len < kValueMax)
         value[len] = '\0';

@@ -13,6 +13,7 @@
 #include "hvsapi.h"
 #include "internal.h"
 #include "prsr.h"
+#include "registry/registry.h"
 #include "trc.h"
 #include "txt.h"
 #include "util/keyname.h"
@@ -113,6 +114,10 @@ struct Call {
   int32_t no_memory(uint64_t bytes) const {
     trcprintf(comp, 0, "%s: failed to allocate %d bytes", name, static_cast<int>(bytes));
     return PRSR_ERR_MEMORY;
+  }
+  /* The report of a failed registry call on `key`. */
+  void report(const char *api, int32_t code, const char *key) const {
+    prsr_report_hvs_failure(hvs, comp, name, api, code, key);
   }
 };
 

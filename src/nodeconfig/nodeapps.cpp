@@ -36,7 +36,7 @@ public:
     OpenKey key(hvs_);
     int32_t rc = key.open(key_);
     if (rc != 0) {
-      prsr_report_hvs_failure(hvs_, comp_, call_.name, "hvsapi_open_key", rc, key_);
+      call_.report("hvsapi_open_key", rc, key_);
       return PRSR_SUCCESS;
     }
     uint32_t len = 0;
@@ -64,7 +64,7 @@ private:
     *len = kValueMax;
     int32_t rc = hvsapi_get_value(hvs_, key.get(), &type, value_, len);
     if (rc != 0) {
-      prsr_report_hvs_failure(hvs_, comp_, call_.name, "hvsapi_get_value", rc, key_);
+      call_.report("hvsapi_get_value", rc, key_);
       return false;
     }
     return true;
@@ -134,7 +134,7 @@ extern "C" PRSR_API int32_t prsr_fetch_nodeapps_config(lks_status *status, prsr_
     return PRSR_ERR_NO_NODEAPPS;
   }
   if (hrc != 0) {
-    prsr_report_hvs_failure(hvs, comp, call.name, "hvsapi_open_key", hrc, entry.get());
+    call.report("hvsapi_open_key", hrc, entry.get());
     return PRSR_ERR_REGISTRY;
   }
   /* The stored name has the length of the key component. */
@@ -144,7 +144,7 @@ extern "C" PRSR_API int32_t prsr_fetch_nodeapps_config(lks_status *status, prsr_
   uint32_t len = static_cast<uint32_t>(n) + 1;
   hrc = read_text(hvs, key.get(), &type, cfg->node_name, &len);
   if (hrc != 0) {
-    prsr_report_hvs_failure(hvs, comp, call.name, "hvsapi_get_value", hrc, entry.get());
+    call.report("hvsapi_get_value", hrc, entry.get());
     return PRSR_ERR_REGISTRY;
   }
   key.close();

@@ -72,7 +72,7 @@ extern "C" PRSR_API int32_t prsr_fetch_vlm_config(lks_status *status, prsr_ctx *
     if (hrc == HVS_ERR_NO_KEY)
       return PRSR_ERR_NO_VLM;
     if (hrc != 0) {
-      prsr_report_hvs_failure(hvs, comp, call.name, "hvsapi_open_key", hrc, entry.get());
+      call.report("hvsapi_open_key", hrc, entry.get());
       return PRSR_ERR_REGISTRY;
     }
   }
@@ -164,7 +164,7 @@ extern "C" PRSR_API int32_t prsr_get_vlm_name(lks_status *, prsr_ctx *ctx, const
   OpenKey key(call.hvs);
   int32_t rc = key.open(entry.get());
   if (rc != 0) {
-    prsr_report_hvs_failure(call.hvs, call.comp, call.name, "hvsapi_open_key", rc, entry.get());
+    call.report("hvsapi_open_key", rc, entry.get());
     return rc == HVS_ERR_NO_KEY ? PRSR_ERR_NO_VLM : PRSR_ERR_REGISTRY;
   }
   Owned<char> value(call.meta);

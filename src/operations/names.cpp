@@ -18,7 +18,7 @@ int32_t read_name(const Call &call, const char *key, uint32_t size, char *name) 
   OpenKey k(call.hvs);
   int32_t rc = k.open(key);
   if (rc != 0) {
-    prsr_report_hvs_failure(call.hvs, call.comp, call.name, "hvsapi_open_key", rc, key);
+    call.report("hvsapi_open_key", rc, key);
     return rc == HVS_ERR_NO_KEY ? PRSR_ERR_NO_KEY : PRSR_ERR_REGISTRY;
   }
   Owned<char> value(call.meta);
@@ -97,10 +97,10 @@ namespace {
  * caller's buffer receives each key component in turn (at most `cap`
  * bytes), and on a match the instance's case-preserved name. `key` is the
  * fixed key buffer, `value` holds the last value read. */
-int32_t find_node_instance(prsr_ctx *ctx, void *instances, const char *db, const char *node,
+int32_t find_node_instance(const Call &call, void *instances, const char *db, const char *node,
                            char *key, Owned<char> &value, uint32_t cap, uint32_t size, char *name) {
-  void *hvs = ctx->hvs_handle;
-  uintptr_t comp = ctx->trace_comp;
+  prsr_ctx *ctx = call.ctx;
+  void *hvs = call.hvs;
 
   while (true) {
     uint32_t len = cap;
@@ -113,8 +113,7 @@ int32_t find_node_instance(prsr_ctx *ctx, void *instances, const char *db, const
     if (rc != 0) {
       name[0] = '\0';
       keys::instance_branch(db).join(key);
-      prsr_report_hvs_failure(hvs, comp, "prsr_get_node_instance_name", "hvsapi_enum_subkey", rc,
-                              key);
+      call.report("hvsapi_enum_subkey", rc, key);
       return PRSR_ERR_REGISTRY;
     }
     keys::instance_leaf(db, name, "NODE").join(key);
@@ -152,7 +151,6 @@ extern "C" PRSR_API int32_t prsr_get_node_instance_name(lks_status *status, prsr
   Call call(ctx, "prsr_get_node_instance_name");
   void *meta = call.meta;
   void *hvs = call.hvs;
-  uintptr_t comp = call.comp;
   /* A component longer than this would not fit the key buffer: the
    * enumeration refuses it as too long for the buffer. */
   uint32_t cap = std::min<uint32_t>(
@@ -174,11 +172,10 @@ extern "C" PRSR_API int32_t prsr_get_node_instance_name(lks_status *status, prsr
   Owned<char> value(meta);
   rc = instances.open(key.get());
   if (rc != 0) {
-    prsr_report_hvs_failure(hvs, comp, "prsr_get_node_instance_name", "hvsapi_open_key", rc,
-                            key.get());
+    call.report("hvsapi_open_key", rc, key.get());
     rc = PRSR_ERR_REGISTRY;
   } else {
-    rc = find_node_instance(ctx, instances.get(), db.get(), nd.get(), key.get(), value, cap, size,
+    rc = find_node_instance(call, instances.get(), db.get(), nd.get(), key.get(), value, cap, size,
                             name);
   }
   /* The lock goes back before the INSTANCE key is closed. */

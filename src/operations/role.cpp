@@ -74,12 +74,12 @@ extern "C" PRSR_API int32_t prsr_set_db_role(lks_status *status, prsr_ctx *ctx, 
   OpenKey k(call.hvs);
   rc = k.open(key.get());
   if (rc != 0) {
-    prsr_report_hvs_failure(call.hvs, call.comp, call.name, "hvsapi_open_key", rc, key.get());
+    call.report("hvsapi_open_key", rc, key.get());
     rc = PRSR_ERR_REGISTRY;
   } else {
     rc = hvsapi_set_value(call.hvs, k.get(), HVS_TYPE_TEXT, text.get(), static_cast<uint32_t>(tn));
     if (rc != 0) {
-      prsr_report_hvs_failure(call.hvs, call.comp, call.name, "hvsapi_set_value", rc, key.get());
+      call.report("hvsapi_set_value", rc, key.get());
       rc = PRSR_ERR_REGISTRY;
     }
   }

@@ -32,7 +32,6 @@ namespace {
 int32_t set_instance_flags(const Call &call, void *instances, const char *instances_key,
                            const char *db, const char *srv, char *sub, uint32_t enable) {
   void *hvs = call.hvs;
-  uintptr_t comp = call.comp;
 
   uint32_t len = kKeyMax;
   int32_t count = 0;
@@ -40,7 +39,7 @@ int32_t set_instance_flags(const Call &call, void *instances, const char *instan
   if (rc == HVS_ERR_NO_MORE && count < 0)
     return PRSR_SUCCESS; /* a service without instances */
   if (rc != 0) {
-    prsr_report_hvs_failure(hvs, comp, call.name, "hvsapi_enum_subkey", rc, instances_key);
+    call.report("hvsapi_enum_subkey", rc, instances_key);
     return PRSR_ERR_REGISTRY;
   }
   for (int32_t i = 0; i <= count; ++i) {
@@ -59,7 +58,7 @@ int32_t set_instance_flags(const Call &call, void *instances, const char *instan
     int32_t scratch = 0;
     rc = hvsapi_enum_subkey(hvs, instances, sub, &len, &scratch);
     if (rc != 0) {
-      prsr_report_hvs_failure(hvs, comp, call.name, "hvsapi_enum_subkey", rc, instances_key);
+      call.report("hvsapi_enum_subkey", rc, instances_key);
       return PRSR_ERR_REGISTRY;
     }
   }
@@ -78,7 +77,6 @@ extern "C" PRSR_API int32_t prsr_set_service_enabled(lks_status *status, prsr_ct
   Call call(ctx, "prsr_set_service_enabled");
   void *meta = call.meta;
   void *hvs = call.hvs;
-  uintptr_t comp = call.comp;
   NameCopy db(call), srv(call);
   if (!db.lower(dbname) || !srv.service(srvname))
     return PRSR_ERR_MEMORY;
@@ -105,7 +103,7 @@ extern "C" PRSR_API int32_t prsr_set_service_enabled(lks_status *status, prsr_ct
   Owned<char> sub(meta);
   rc = instances.open(key.get());
   if (rc != 0) {
-    prsr_report_hvs_failure(hvs, comp, call.name, "hvsapi_open_key", rc, key.get());
+    call.report("hvsapi_open_key", rc, key.get());
     rc = PRSR_ERR_REGISTRY;
   } else if (!sub.allocate(kKeyMax)) {
     rc = call.no_memory(kKeyMax);

@@ -9,7 +9,7 @@ using namespace prsr;
 
 extern "C" PRSR_INTERNAL int32_t prsr_open_get_value(prsr_ctx *ctx, void *hvs_handle,
                                                      const char *key_name, char **value_out) {
-  Call call(ctx, "prsr_open_get_value");
+  Call call(ctx->metactx, hvs_handle, ctx->trace_comp, "prsr_open_get_value");
   void *meta = call.meta;
   uintptr_t comp = call.comp;
   constexpr uint32_t kFirst = 64;
@@ -21,8 +21,7 @@ extern "C" PRSR_INTERNAL int32_t prsr_open_get_value(prsr_ctx *ctx, void *hvs_ha
   OpenKey key(hvs_handle);
   int32_t rc = key.open(key_name);
   if (rc != 0) {
-    prsr_report_hvs_failure(hvs_handle, comp, "prsr_open_get_value", "hvsapi_open_key", rc,
-                            key_name);
+    call.report("hvsapi_open_key", rc, key_name);
     return PRSR_ERR_REGISTRY;
   }
   uint32_t type = 0;
@@ -37,8 +36,7 @@ extern "C" PRSR_INTERNAL int32_t prsr_open_get_value(prsr_ctx *ctx, void *hvs_ha
     }
     rc = hvsapi_get_value(hvs_handle, key.get(), &type, *value_out, &len);
     if (rc != 0) {
-      prsr_report_hvs_failure(hvs_handle, comp, "prsr_open_get_value", "hvsapi_get_value", rc,
-                              key_name);
+      call.report("hvsapi_get_value", rc, key_name);
       return rc;
     }
     /* The block is exactly the value: a value without its own NUL at the
@@ -49,8 +47,7 @@ extern "C" PRSR_INTERNAL int32_t prsr_open_get_value(prsr_ctx *ctx, void *hvs_ha
       return PRSR_ERR_REGISTRY;
     }
   } else if (rc != 0) {
-    prsr_report_hvs_failure(hvs_handle, comp, "prsr_open_get_value", "hvsapi_get_value", rc,
-                            key_name);
+    call.report("hvsapi_get_value", rc, key_name);
     return PRSR_ERR_REGISTRY;
   }
   return PRSR_SUCCESS;
@@ -84,8 +81,7 @@ extern "C" PRSR_INTERNAL int32_t prsr_get_multivalues(void *metactx, uintptr_t t
     rc = hvsapi_get_value(hvs_handle, key.get(), &type, value, &len);
   }
   if (rc != 0) {
-    prsr_report_hvs_failure(hvs_handle, trace_comp, "prsr_get_multivalues", "hvsapi_get_value", rc,
-                            key_name);
+    call.report("hvsapi_get_value", rc, key_name);
     return PRSR_SUCCESS;
   }
   trcprintf(trace_comp, 4, "prsr_get_multivalues: SUCCESS in getting value [%s]", value);
@@ -161,8 +157,7 @@ extern "C" PRSR_INTERNAL int32_t prsr_get_subkeys(void *metactx, uintptr_t trace
     return PRSR_SUCCESS;
   }
   if (rc != 0) {
-    prsr_report_hvs_failure(hvs_handle, trace_comp, "prsr_get_subkeys", "hvsapi_enum_subkey", rc,
-                            key_name);
+    call.report("hvsapi_enum_subkey", rc, key_name);
     return PRSR_ERR_REGISTRY;
   }
 
@@ -185,8 +180,7 @@ extern "C" PRSR_INTERNAL int32_t prsr_get_subkeys(void *metactx, uintptr_t trace
       len = kKeyMax;
       rc = hvsapi_enum_subkey(hvs_handle, key.get(), name.get(), &len, &further);
       if (rc != 0) {
-        prsr_report_hvs_failure(hvs_handle, trace_comp, "prsr_get_subkeys", "hvsapi_enum_subkey",
-                                rc, key_name);
+        call.report("hvsapi_enum_subkey", rc, key_name);
         return fail(PRSR_ERR_REGISTRY);
       }
     }
@@ -216,8 +210,7 @@ extern "C" PRSR_INTERNAL int32_t prsr_get_case_preserved_values(void *metactx, u
     OpenKey key(hvs_handle);
     int32_t rc = key.open(joined.get());
     if (rc != 0) {
-      prsr_report_hvs_failure(hvs_handle, trace_comp, call.name, "hvsapi_open_key", rc,
-                              joined.get());
+      call.report("hvsapi_open_key", rc, joined.get());
       return PRSR_ERR_REGISTRY;
     }
     Owned<char> value(metactx);
@@ -227,8 +220,7 @@ extern "C" PRSR_INTERNAL int32_t prsr_get_case_preserved_values(void *metactx, u
     uint32_t len = static_cast<uint32_t>(name_len) + 1;
     rc = read_text(hvs_handle, key.get(), &type, value.get(), &len);
     if (rc != 0) {
-      prsr_report_hvs_failure(hvs_handle, trace_comp, call.name, "hvsapi_get_value", rc,
-                              joined.get());
+      call.report("hvsapi_get_value", rc, joined.get());
       return PRSR_ERR_REGISTRY;
     }
     values_out[i] = value.release();
