@@ -67,6 +67,17 @@ extern "C" PRSR_INTERNAL int32_t prsr_set_enabled_key(prsr_ctx *ctx, const char 
   return PRSR_SUCCESS;
 }
 
+int32_t prsr::set_flag_locked(lks_status *status, prsr_ctx *ctx, const char *db, LockMode mode,
+                              const char *key_name, uint32_t enabled) {
+  BranchLock lock(ctx);
+  int32_t rc = mode == LockMode::Shared ? lock.shared(status, db) : lock.exclusive(status, db);
+  if (rc != 0)
+    return rc;
+  rc = prsr_set_enabled_key(ctx, key_name, enabled);
+  lock.release();
+  return rc;
+}
+
 extern "C" PRSR_API int32_t prsr_get_db_enabled(lks_status *, prsr_ctx *ctx, const char *dbname,
                                                 uint32_t *enabled) {
   if (!session_ok(ctx))
@@ -94,11 +105,5 @@ extern "C" PRSR_API int32_t prsr_set_db_enabled(lks_status *status, prsr_ctx *ct
   if (!db.lower(dbname) || !key.build(keys::database_leaf(db.get(), "ENABLED")))
     return PRSR_ERR_MEMORY;
 
-  BranchLock lock(ctx);
-  int32_t rc = lock.exclusive(status, db.get());
-  if (rc != 0)
-    return rc;
-  rc = prsr_set_enabled_key(ctx, key.get(), enable);
-  lock.release();
-  return rc;
+  return set_flag_locked(status, ctx, db.get(), LockMode::Exclusive, key.get(), enable);
 }

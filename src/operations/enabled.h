@@ -21,5 +21,16 @@ PRSR_INTERNAL int32_t prsr_set_enabled_key(prsr_ctx *ctx, const char *key_name, 
 
 #ifdef __cplusplus
 }
+
+namespace prsr {
+
+enum class LockMode { Shared, Exclusive };
+
+/* prsr_set_enabled_key() under the lock of database db, taken in `mode`
+ * and given back after the write. Result that of the lock, or of the write. */
+int32_t set_flag_locked(lks_status *status, prsr_ctx *ctx, const char *db, LockMode mode,
+                        const char *key_name, uint32_t enabled);
+
+} // namespace prsr
 #endif
 #endif

@@ -47,11 +47,5 @@ extern "C" PRSR_API int32_t prsr_set_instance_enabled(lks_status *status, prsr_c
     return PRSR_ERR_MEMORY;
   trcprintf(call.comp, 4, "prsr_set_instance_enabled: key_name = [%s]", key.get());
 
-  BranchLock lock(ctx);
-  int32_t rc = lock.exclusive(status, db.get());
-  if (rc != 0)
-    return rc;
-  rc = prsr_set_enabled_key(ctx, key.get(), enable);
-  lock.release();
-  return rc;
+  return set_flag_locked(status, ctx, db.get(), LockMode::Exclusive, key.get(), enable);
 }

@@ -74,13 +74,7 @@ extern "C" PRSR_API int32_t prsr_set_service_instance_enabled(lks_status *status
 
   /* Shared: one instance's flag for one service can change beside other
    * shared holders; only an exclusive holder keeps it out. */
-  BranchLock lock(ctx);
-  int32_t rc = lock.shared(status, n.db.get());
-  if (rc != 0)
-    return rc;
-  rc = prsr_set_enabled_key(ctx, key.get(), enable);
-  lock.release();
-  return rc;
+  return set_flag_locked(status, ctx, n.db.get(), LockMode::Shared, key.get(), enable);
 }
 
 extern "C" PRSR_API int32_t prsr_get_service_instance_supported(lks_status *, prsr_ctx *ctx,
