@@ -9,7 +9,9 @@
  * the configuration locks, the entry fills, the enable-flag reads and
  * writes, the network classifier): those are declared with PRSR_INTERNAL,
  * which gives them hidden visibility, so that a reader can tell them from
- * the client interface at a glance and no build can export them. */
+ * the client interface at a glance and no build can export them. The u_
+ * functions of src/util belong to the utility object (prsrutil); inside
+ * the library they are hidden like the rest. */
 #ifndef PRSR_INTERNAL_H
 #define PRSR_INTERNAL_H
 
