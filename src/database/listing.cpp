@@ -219,15 +219,12 @@ extern "C" PRSR_API int32_t prsr_get_srv_instances(lks_status *status, prsr_ctx 
 
   /* Node pass: each instance's NODE under the database's INSTANCE branch. */
   keys::instance_branch(db.get()).write(first);
-  size_t prefix = std::strlen(first);
   for (uint32_t i = 0; i < n; ++i) {
     const char *inst = out->instances[i];
     if (!KeyParts{first, inst, "NODE"}.fits())
       return too_long(inst);
-    std::memcpy(second, first, prefix);
-    second[prefix] = '.';
-    txtlower(second + prefix + 1, inst);
-    std::strcat(second, ".NODE");
+    txtlower(subkey, inst); /* the component as stored: lower case */
+    KeyParts{first, subkey, "NODE"}.write(second);
     if (read(second) != 0)
       return fail(PRSR_ERR_REGISTRY);
     if ((out->nodes[i] = prsr_dup_bytes(meta, value, len)) == nullptr)
