@@ -1,10 +1,10 @@
 /* The shared value readers and the failure report. */
 #include <cstring>
 
-#include "fixture.h"
+#include "testkit.h"
 #include "registry/registry.h"
 
-using namespace prsrtest;
+using namespace testkit;
 
 namespace {
 

@@ -1,13 +1,13 @@
 // The fault interposer: each armed countdown fires once, at exactly the
 // n-th call of its kind, and the live counts follow the real calls.
 #include "hvsapi.h"
-#include "lock_env.h"
+#include "testkit.h"
 #include "mp.h"
 #include "prsr_fault.h"
 
 #include <vector>
 
-using namespace test_platform;
+using namespace testkit;
 
 namespace {
 

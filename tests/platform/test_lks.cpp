@@ -1,7 +1,7 @@
 // Named-lock service: exclusion across processes and across handles of one
 // process, writers before later readers, the writes made under a lock, names
 // of any shape, the status record, and clean-up.
-#include "lock_env.h"
+#include "testkit.h"
 #include "lock_holder.h"
 
 #include "hvsadm.h"
@@ -19,7 +19,7 @@
 #include <unistd.h>
 #include <vector>
 
-using namespace test_platform;
+using namespace testkit;
 namespace fs = std::filesystem;
 
 namespace {

@@ -7,9 +7,9 @@
 
 #include "util/errtab.h"
 #include "util/umem.h"
-#include "util_fixture.h"
+#include "testkit.h"
 
-using utiltest::metactx;
+using testkit::metactx;
 
 namespace {
 
@@ -57,7 +57,7 @@ protected:
     return rec;
   }
 
-  utiltest::Scratch scratch_;
+  testkit::TempDir scratch_;
   hvs_util_ctx ctx_{};
   hvs_error_table table_{};
 };
@@ -76,7 +76,7 @@ TEST_F(ErrorTable, InsertedThreadHasItsOwnRecordUntilDeleted) {
   EXPECT_LT(fault_live_blocks(), before) << "the record and the node are freed";
   EXPECT_EQ(table_.global_error, current());
 
-  utiltest::Trace t(scratch_, 1);
+  testkit::Trace t(scratch_, 1);
   u_delete_error(&ctx_, key.c_str());
   EXPECT_TRUE(t.has("HVSUTL", 1, "u_delete_error: Hashkey " + key + " remove failed with retval 0"));
 }
@@ -172,7 +172,7 @@ TEST_F(ErrorTable, ComponentTextsAndTheirLimits) {
 }
 
 TEST_F(ErrorTable, IncompleteContextRecordsNothing) {
-  utiltest::Trace t(scratch_, 0);
+  testkit::Trace t(scratch_, 0);
   ctx_.format_handle = nullptr;
   u_set_hvs_error(&ctx_, nullptr, 7, "x");
   u_set_comp_error_cur(&ctx_, U_MSG_PLAIN_TEXT, 1, "y");
