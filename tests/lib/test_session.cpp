@@ -48,17 +48,6 @@ TEST(Session, BorrowedLockServiceOutlivesTheSession) {
   lkssterm(&st, lock);
 }
 
-TEST(Session, TwoSessionsAreIndependent) {
-  Registry reg;
-  Session a, b;
-  ASSERT_EQ(0, a.rc());
-  ASSERT_EQ(0, b.rc());
-  EXPECT_NE(a.ctx(), b.ctx());
-  EXPECT_NE(a.ctx()->hvs_handle, b.ctx()->hvs_handle);
-  EXPECT_NE(a.ctx()->lock_handle, b.ctx()->lock_handle);
-  EXPECT_EQ(a.ctx()->metactx, b.ctx()->metactx);
-}
-
 TEST(Session, FailedStartUpsLeaveNothing) {
   Registry reg;
   Held before = Held::now();

@@ -19,7 +19,15 @@
 #include <string>
 #include <vector>
 
+#include "prsr_fault.h"
+#if __has_include("mp.h")
+#include "mp.h"
+#define TESTKIT_MEMORY 1
+#endif
+#if __has_include("trc.h")
 #include "trc.h"
+#define TESTKIT_TRACE 1
+#endif
 #if __has_include("hvsadm.h")
 #include "hvsadm.h"
 #define TESTKIT_REGISTRY 1
@@ -30,7 +38,6 @@
 #endif
 #if __has_include("prsr.h") && __has_include("util/umem.h") && defined(TESTKIT_REGISTRY)
 #include "prsr.h"
-#include "prsr_fault.h"
 #include "util/umem.h"
 #define TESTKIT_LIBRARY 1
 #endif
@@ -95,6 +102,12 @@ public:
   RegistryEnv &operator=(const RegistryEnv &) = delete;
 };
 
+#ifdef TESTKIT_MEMORY
+/* The process's memory meta context. */
+inline void *metactx() { return plinit(nullptr); }
+#endif
+
+#ifdef TESTKIT_TRACE
 /* The utility layer's trace component, registered so that its lines are named. */
 inline uintptr_t hvsutl() { return trccompreg("utility layer", "HVSUTL", 1024, 0, 0, 0, 0); }
 
@@ -129,6 +142,7 @@ private:
   std::string path_;
   int old_level_;
 };
+#endif
 
 /* ---- the ZooKeeper test ensemble (HVS_TEST_ZK, see scripts/zk.sh) ------- */
 
