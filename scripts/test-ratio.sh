@@ -9,8 +9,9 @@ cd "$(dirname "$0")/.."
 count() {
   local n=0 f
   while IFS= read -r -d '' f; do
-    n=$((n + $(g++ -x c++ -fpreprocessed -dD -E -P "$f" 2>/dev/null \
-                | grep -cv '^[[:space:]]*$' || true)))
+    local text
+    text=$(g++ -x c++ -fpreprocessed -dD -E -P "$f") || { echo "cannot read $f" >&2; exit 1; }
+    n=$((n + $(grep -cv '^[[:space:]]*$' <<<"$text" || true)))
   done
   echo "$n"
 }

@@ -35,7 +35,9 @@ TEST_F(PointFaults, LockModesAgainstAnotherProcess) {
                 {"set_db_role", PRSR_SUCCESS, PRSR_ERR_LOCK},
                 {"set_instance_enabled", PRSR_ERR_LOCK, PRSR_ERR_LOCK},
                 {"get_node_instance_name", PRSR_SUCCESS, PRSR_ERR_LOCK},
-                {"get_service_enabled", PRSR_SUCCESS, PRSR_SUCCESS}};
+                {"get_service_enabled", PRSR_SUCCESS, PRSR_SUCCESS},
+                {"set_db_enabled", PRSR_ERR_LOCK, PRSR_ERR_LOCK},
+                {"get_db_enabled", PRSR_SUCCESS, PRSR_SUCCESS}};
   for (bool shared : {true, false}) {
     SCOPED_TRACE(shared ? "shared holder" : "exclusive holder");
     sample_service(reg);
@@ -51,13 +53,20 @@ TEST_F(PointFaults, LockModesAgainstAnotherProcess) {
         [&] { return prsr_set_instance_enabled(s.status(), s.ctx(), "sales", "sales1", 0); },
         [&] { return prsr_get_node_instance_name(s.status(), s.ctx(), "sales", "node1", 64, buf); },
         [&] { return prsr_get_service_enabled(s.status(), s.ctx(), "sales", "sales.east", &w); },
+        [&] { return prsr_set_db_enabled(s.status(), s.ctx(), "sales", 0); },
+        [&] { return prsr_get_db_enabled(s.status(), s.ctx(), "sales", &w); },
     };
-    for (size_t i = 0; i < std::size(ops); ++i)
-      EXPECT_EQ(shared ? expect[i].beside_shared : expect[i].beside_exclusive, ops[i]())
-          << expect[i].op;
+    for (size_t i = 0; i < std::size(ops); ++i) {
+      int32_t want = shared ? expect[i].beside_shared : expect[i].beside_exclusive;
+      EXPECT_EQ(want, ops[i]()) << expect[i].op;
+      if (want == PRSR_ERR_LOCK) {
+        EXPECT_EQ(LKS_ERR_TIMEOUT, lks_status_code(s.status())) << expect[i].op;
+      }
+    }
     EXPECT_EQ(bytes(shared ? "LOGICAL_STANDBY" : "PRIMARY"), reg.value("DATABASE.DATABASES.sales.ROLE"));
     EXPECT_EQ(bytes(shared ? "true" : "false"), reg.value(srv_inst("sales2") + ".ENABLED"));
     EXPECT_EQ(bytes("true"), reg.value(kSrv + ".ENABLED"));
+    EXPECT_EQ(bytes("true"), reg.value("DATABASE.DATABASES.sales.ENABLED"));
     EXPECT_EQ(bytes("true"), reg.value("DATABASE.DATABASES.sales.INSTANCE.sales1.ENABLED"));
     EXPECT_EQ(0, fault_held_locks());
   }
