@@ -10,7 +10,7 @@ count() {
   local n=0 f
   while IFS= read -r -d '' f; do
     local text
-    text=$(g++ -x c++ -fpreprocessed -dD -E -P "$f") || { echo "cannot read $f" >&2; exit 1; }
+    text=$(g++ -x c++ -fpreprocessed -dD -E -P "$f" 2>/dev/null) || { echo "cannot read $f" >&2; exit 1; }
     n=$((n + $(grep -cv '^[[:space:]]*$' <<<"$text" || true)))
   done
   echo "$n"

@@ -1,9 +1,11 @@
-/* Bad input, one row per exported operation: a missing or foreign session,
+/* Bad input, one row per exported operation of the library and of the lock
+ * service it hands through. The library's: a missing or foreign session,
  * each missing name and out pointer, and names one byte too long for the
  * longest key the operation builds are refused before any allocation,
  * registry call or lock; the longest names that fit reach the registry.
- * The rows are checked against the library's export list, so an operation
- * added without a row fails here. */
+ * The rows are checked against both export lists, so an operation added
+ * without a row fails here. */
+#include <cctype>
 #include <cstring>
 #include <fstream>
 #include <set>
@@ -223,6 +225,75 @@ const Row kRows[] = {
      [](const Args &a) { return prsr_release_nodeapps_config(&g_st, a.ctx, nullptr); }},
 };
 
+/* The lock service's exports: what is not a handle, a name or a set of
+ * parameters it understands is refused without a crash. */
+const char *kLockName = "FLTM.DATABASE.DATABASES.sales";
+const struct {
+  const char *name;
+  void (*check)(void *live);
+} kLockRows[] = {
+    {"lkssinit",
+     [](void *) {
+       lks_status st = fresh_status();
+       void *h = nullptr;
+       lks_version v{2, 1}, old{2, 0};
+       lks_init_params p{}, no_alloc{};
+       p.alloc = counted_alloc;
+       p.release = counted_free;
+       EXPECT_EQ(LKS_ERR_ARGUMENT, lkssinit(&st, &h, &v, &p, 271));
+       EXPECT_NE(std::string(lks_status_text(&st)), "");
+       EXPECT_EQ(LKS_ERR_ARGUMENT, lkssinit(&st, &h, &old, &p, 272));
+       EXPECT_EQ(LKS_ERR_ARGUMENT, lkssinit(nullptr, &h, &old, &p, 272));
+       EXPECT_EQ(LKS_ERR_ARGUMENT, lkssinit(&st, nullptr, &v, &p, 272));
+       EXPECT_EQ(LKS_ERR_ARGUMENT, lkssinit(&st, &h, &v, &no_alloc, 272));
+       EXPECT_EQ(nullptr, h);
+     }},
+    {"lkssterm", [](void *) { EXPECT_EQ(LKS_ERR_ARGUMENT, lkssterm(nullptr, nullptr)); }},
+    {"lksmutexlock",
+     [](void *live) {
+       lks_status st = fresh_status();
+       EXPECT_EQ(LKS_ERR_ARGUMENT, lksmutexlock(&st, nullptr, kLockName));
+       EXPECT_EQ(LKS_ERR_ARGUMENT, lksmutexlock(nullptr, nullptr, nullptr));
+       /* A success after a failure clears the record. */
+       EXPECT_EQ(LKS_OK, lksmutexlock(&st, live, kLockName));
+       EXPECT_EQ(LKS_OK, lks_status_code(&st));
+       EXPECT_STREQ("", lks_status_text(&st));
+       EXPECT_EQ(LKS_OK, lksunlock(nullptr, live, kLockName));
+     }},
+    {"lksshrlock",
+     [](void *live) {
+       lks_status st = fresh_status();
+       int not_a_handle[16] = {};
+       EXPECT_EQ(LKS_ERR_ARGUMENT, lksshrlock(&st, live, nullptr));
+       EXPECT_EQ(LKS_ERR_ARGUMENT, lksshrlock(&st, not_a_handle, kLockName));
+     }},
+    {"lksunlock",
+     [](void *live) {
+       lks_status st = fresh_status();
+       EXPECT_EQ(LKS_ERR_ARGUMENT, lksunlock(&st, live, nullptr));
+       EXPECT_EQ(LKS_ERR_NOT_HELD, lksunlock(&st, live, kLockName));
+     }},
+    {"lks_status_code", [](void *) { EXPECT_EQ(LKS_OK, lks_status_code(nullptr)); }},
+    {"lks_status_text", [](void *) { EXPECT_STREQ("", lks_status_text(nullptr)); }},
+};
+
+/* The names a version script exports: those between "global:" and "local:". */
+std::set<std::string> script_exports(const char *path) {
+  std::ifstream in(path);
+  std::string text((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
+  std::set<std::string> names;
+  size_t from = text.find("global:"), to = text.find("local:");
+  std::string word;
+  for (char c : text.substr(from + 7, to - from - 7))
+    if (std::isalnum(static_cast<unsigned char>(c)) || c == '_') {
+      word += c;
+    } else if (!word.empty()) {
+      names.insert(word);
+      word.clear();
+    }
+  return names;
+}
+
 long work() { return fault_count_alloc() + fault_count_registry() + fault_count_lock(); }
 
 } // namespace
@@ -237,6 +308,20 @@ TEST(Arguments, EveryExportHasARowAndEveryRowAnExport) {
   for (const Row &r : kRows)
     rows.insert(r.name);
   EXPECT_EQ(exports, rows);
+  std::set<std::string> lock_rows;
+  for (const auto &r : kLockRows)
+    lock_rows.insert(r.name);
+  EXPECT_EQ(script_exports(LKS_EXPORTS_FILE), lock_rows);
+}
+
+TEST(Arguments, LockServiceRefusesWithoutCrashing) {
+  Registry reg;
+  void *live = open_ok();
+  for (const auto &r : kLockRows) {
+    SCOPED_TRACE(r.name);
+    r.check(live);
+  }
+  term_ok(live);
 }
 
 TEST(Arguments, RefusedBeforeAnyWork) {
