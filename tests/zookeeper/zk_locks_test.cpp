@@ -183,13 +183,4 @@ TEST_F(ZooKeeperLocks, WriteUnderALockWhoseRequestIsGoneNeverLands) {
   term_ok(h);
 }
 
-TEST_F(ZooKeeperLocks, UnlockOfANameNotHeldIsRefused) {
-  void *h = open_ok();
-  EXPECT_EQ(LKS_ERR_NOT_HELD, unlock(h, kName));
-  EXPECT_EQ(LKS_OK, try_lock(h, kName, false).code);
-  EXPECT_EQ(LKS_OK, unlock(h, kName));
-  EXPECT_EQ(LKS_ERR_NOT_HELD, unlock(h, kName));
-  term_ok(h);
-}
-
 } // namespace
