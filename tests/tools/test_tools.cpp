@@ -3,7 +3,8 @@
 // round-trips byte for byte and a bad file is refused whole with its line;
 // check, the one-key commands, diff, backup and restore, and every exit
 // code. prsrctl: every command family in readable and JSON form and its
-// exit codes. JSON output is parsed, never compared as text.
+// exit codes; explain's dry run, the keys a record went without, and watch
+// (on the test ensemble too, when there is one). JSON output is parsed, never compared as text.
 #include <gtest/gtest.h>
 
 #include <signal.h>
