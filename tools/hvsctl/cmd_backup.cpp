@@ -13,7 +13,7 @@
 #include "../common/json_text.h"
 
 #include "command.h"
-#include "registry_file.h"
+#include "hvs/registry_file.h"
 #include "hvs/backend.h"
 #include "hvsadm.h"
 #include "lks.h"

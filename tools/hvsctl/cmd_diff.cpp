@@ -8,7 +8,7 @@
 #include "../common/json_text.h"
 
 #include "command.h"
-#include "registry_file.h"
+#include "hvs/registry_file.h"
 
 namespace hvsctl {
 namespace {

@@ -15,7 +15,7 @@
 
 #include "hvs/backend.h"
 #include "hvsadm.h"
-#include "registry_file.h"
+#include "hvs/registry_file.h"
 
 namespace hvsctl {
 

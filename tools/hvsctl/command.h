@@ -12,12 +12,23 @@
 #include <CLI/CLI.hpp>
 
 #include "../common/exit_codes.h"
+#include "hvs/registry_file.h"
 
 namespace hvsctl {
 
 // Exit codes: the table both tools share (docs/exit-codes.md).
 using tools::Exit;
 using enum tools::Exit;
+
+// The registry file format is the registry client's (hvs/registry_file.h).
+using hvs::backup_count_mismatch;
+using hvs::display_value;
+using hvs::FileKey;
+using hvs::key_line;
+using hvs::kBackupFormatName;
+using hvs::kFormatName;
+using hvs::kFormatVersion;
+using hvs::parse_registry_file;
 
 // A command family adds its subcommands to the application and returns, for
 // each, what to run when that subcommand was chosen. The runner is called

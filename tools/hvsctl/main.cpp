@@ -23,7 +23,7 @@
 #include "mp.h"
 #include "command.h"
 #include "hvs_location.h"
-#include "registry_file.h"
+#include "hvs/registry_file.h"
 #include "rsmgr.h"
 #include "trc.h"
 #include "util/keypath.h"
@@ -257,7 +257,8 @@ int main(int argc, char **argv) {
   app.fallthrough();
   std::string registry;
   app.add_option("--registry", registry,
-                 "registry location (sqlite:PATH, mem:NAME, zk://...); "
+                 "registry location (sqlite:PATH, mem:NAME, zk://..., or file:PATH "
+                 "for a saved export or backup, read-only); "
                  "overrides HVS_REGISTRY");
   app.set_version_flag("--version", [&registry] {
     return "hvsctl " HVSCTL_VERSION "\nregistry: " +
