@@ -6,6 +6,7 @@
 #include <filesystem>
 #include <fstream>
 #include <map>
+#include <set>
 
 #include <nlohmann/json.hpp>
 
@@ -187,35 +188,76 @@ TEST_F(HvsctlTool, OneKeyCommandsAndTheirExitCodes) {
   }
 }
 
-TEST_F(HvsctlTool, DiffTellsAddedRemovedAndChangedKeys) {
+// diff tells changes as the objects they change, file against file, file
+// against the registry and file against standard input alike; what it does
+// not know stays a key change, and --keys and the JSON "changes" keep
+// every key change.
+TEST_F(HvsctlTool, DiffSpeaksOfObjectsAndKeepsEveryKey) {
   ASSERT_EQ(0, run("export -o " + file("before.json")).status);
   EXPECT_EQ(0, run("diff " + file("before.json") + " --live").status);
 
-  const std::string db = "DATABASE.DATABASES.hr";
-  ASSERT_EQ(0, run("set " + db + ".ENABLED false").status);
-  ASSERT_EQ(0, run("delete " + db + ".DOMAIN").status);
-  ASSERT_EQ(0, run("create " + db + ".INSTANCE.hr1.NOTE").status);
-
-  json d = run_json("diff --json " + file("before.json") + " -", 5);
-  std::map<std::string, json> by_key;
-  for (const auto &c : d["changes"])
-    by_key[c["key"]] = c;
-  ASSERT_EQ(3u, by_key.size()) << d.dump(1);
-  EXPECT_EQ("changed", by_key[db + ".ENABLED"]["change"]);
-  EXPECT_EQ("\"true\"", by_key[db + ".ENABLED"]["a"]);
-  EXPECT_EQ("\"false\"", by_key[db + ".ENABLED"]["b"]);
-  EXPECT_EQ("removed", by_key[db + ".DOMAIN"]["change"]);
-  EXPECT_EQ("added", by_key[db + ".INSTANCE.hr1.NOTE"]["change"]);
-  EXPECT_TRUE(by_key[db + ".INSTANCE.hr1.NOTE"]["b"].is_null());
-
-  // Two files, the readable form, and the sides swapped.
+  const std::string sales = "DATABASE.DATABASES.sales";
+  const std::string note = sales + ".INSTANCE.sales1.NOTE";
+  for (const std::string &change :
+       {"set " + sales + ".ROLE PHYSICAL_STANDBY",
+        "set '" + sales + ".SERVICE.sales*east.INSTANCES.sales2.TYPE' AVAILABLE",
+        "set " + sales + ".INSTANCE.sales3.ENABLED true",
+        std::string("set DATABASE.NODEAPPS.node3.VIP.IP 192.0.2.23"),
+        std::string("delete --recursive DATABASE.DATABASES.hr"), "create " + note + " x"})
+    ASSERT_EQ(0, run(change).status) << change;
+  const std::string told = "database hr: removed\n"
+                           "database sales: role PRIMARY -> PHYSICAL_STANDBY\n"
+                           "+ " + note + " = \"x\"\n"
+                           "instance Sales3: disabled -> enabled\n"
+                           "service sales.east: preferred [Sales1, Sales2] -> [Sales1]\n"
+                           "service sales.east: available [Sales3 (disabled)] -> "
+                           "[Sales2, Sales3 (disabled)]\n"
+                           "node node3: VIP 192.0.2.13 -> 192.0.2.23\n";
   ASSERT_EQ(0, run("export -o " + file("after.json")).status);
-  Result r = run("diff " + file("after.json") + " " + file("before.json"));
-  EXPECT_EQ(5, r.status);
-  EXPECT_NE(std::string::npos, r.out.find("+ " + db + ".DOMAIN = "));
-  EXPECT_NE(std::string::npos, r.out.find("- " + db + ".INSTANCE.hr1.NOTE"));
-  EXPECT_NE(std::string::npos,
-            r.out.find("~ " + db + ".ENABLED: \"false\" -> \"true\""));
+  const std::string before = file("before.json"), after = file("after.json");
+  Result live = run("diff " + before + " --live");
+  EXPECT_EQ(5, live.status);
+  EXPECT_EQ("--- " + before + "\n+++ " + reg_ + "\n" + told, live.out);
+  EXPECT_EQ("--- " + before + "\n+++ " + after + "\n" + told,
+            run("diff " + before + " " + after).out);
+  Result piped = run("diff " + before + " - < " + after);
+  EXPECT_EQ(5, piped.status) << piped.err;
+  EXPECT_EQ("--- " + before + "\n+++ (stdin)\n" + told, piped.out);
+  Result back = run("diff " + after + " " + before);
+  EXPECT_NE(std::string::npos, back.out.find("\ndatabase hr: added\n")) << back.out;
+  EXPECT_NE(std::string::npos, back.out.find("\n- " + note + " = \"x\"\n")) << back.out;
+
+  // The JSON has every key change, and each object-level change names the
+  // changed keys it accounts for: together they are all of them.
+  json d = run_json("diff --json " + before + " --live", 5);
+  EXPECT_EQ(1, d["schema"]);
+  std::set<std::string> keys, accounted;
+  for (const auto &c : d["changes"])
+    keys.insert(c["key"].get<std::string>());
+  std::string texts;
+  for (const auto &o : d["objects"]) {
+    texts += o["text"].get<std::string>() + "\n";
+    for (const auto &k : o["keys"])
+      EXPECT_TRUE(accounted.insert(k.get<std::string>()).second || o["object"] == "service")
+          << k;
+  }
+  accounted.insert(note);
+  EXPECT_EQ(keys, accounted);
+  EXPECT_EQ(35u, keys.size()); // hr's 30 keys, four changed values, the note
+  json role = d["objects"][1];
+  EXPECT_EQ(json({"database", "sales", "changed", "role", "PRIMARY", "PHYSICAL_STANDBY"}),
+            json({role["object"], role["name"], role["change"], role["what"], role["a"],
+                  role["b"]}));
+
+  // --keys: one line a changed key, and the same keys in its JSON.
+  Result by_key = run("diff --keys " + before + " --live");
+  EXPECT_EQ(5, by_key.status);
+  EXPECT_EQ(keys.size() + 2, size_t(std::count(by_key.out.begin(), by_key.out.end(), '\n')))
+      << by_key.out;
+  EXPECT_NE(std::string::npos, by_key.out.find("~ " + sales + ".ROLE: \"PRIMARY\" -> "));
+  json k = run_json("diff --keys --json " + before + " --live", 5);
+  EXPECT_FALSE(k.contains("objects"));
+  EXPECT_EQ(keys.size(), k["changes"].size());
 
   EXPECT_EQ(2, run("diff - -").status);
   EXPECT_EQ(10, run("diff " + file("missing.json") + " --live").status);
@@ -253,7 +295,7 @@ TEST_F(HvsctlTool, BackupAndRestoreRoundTrip) {
   // Into an empty registry, and from a plain export as well.
   reg_ = "sqlite:" + file("other.db");
   ASSERT_EQ(0, run("restore " + file("backup.json")).status);
-  EXPECT_EQ(0, run("diff " + file("backup.json") + " -").status);
+  EXPECT_EQ(0, run("diff " + file("backup.json") + " --live").status);
   EXPECT_EQ(0, run("restore " SAMPLE_CLUSTER).status);
   EXPECT_EQ(0, run("check").status);
 

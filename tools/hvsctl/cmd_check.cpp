@@ -1,88 +1,30 @@
 // hvsctl check: the key tree held against what the library reads, so that an
 // administrator sees a bad tree before the library trips on it.
 #include <algorithm>
+#include <array>
 #include <cctype>
 #include <map>
 #include <set>
 #include <span>
 
 #include <fmt/format.h>
+#include <fmt/ranges.h>
 #include <nlohmann/json.hpp>
 
 #include "../common/json_text.h"
 
 #include "command.h"
 #include "hvs/backend.h"
+#include "layout.h"
 
 namespace hvsctl {
 namespace {
 
-// The library reads plain texts and ENABLED into a buffer of this size, the
-// terminating NUL included.
-constexpr size_t kValueBuffer = 1024;
+using namespace layout;
 
 struct Finding {
   std::string key;
   std::string problem;
-};
-
-// What a key's value must look like.
-enum class Form {
-  Container, // the value is never read
-  Text,      // text with its NUL, read into the value buffer
-  Boolean,   // "true" or "false", any case
-  Role,      // one of the four role words
-  FovPolicy, // a failover policy word
-  Type,      // PREFERRED or AVAILABLE, exactly
-  Multi,     // a multi-string
-  Vip,       // text, or length 0 when the IP child holds the address
-};
-
-struct Child {
-  const char *word;
-  Form form;
-  bool required;
-};
-
-// The fixed words under each kind of named key.
-constexpr Child kDatabase[] = {
-    {"DB_CLU_ALIAS", Form::Container, false}, {"TERVAN_HOME", Form::Text, false},
-    {"BOOTCFG", Form::Text, false},           {"DB_NAME", Form::Text, false},
-    {"ROLE", Form::Role, false},              {"START_OPTIONS", Form::Text, false},
-    {"POLICY", Form::Text, false},            {"DOMAIN", Form::Text, false},
-    {"ENABLED", Form::Boolean, false},        {"ENVIRONMENT", Form::Multi, false},
-    {"INSTANCE", Form::Container, true},      {"SERVICE", Form::Container, true},
-};
-constexpr Child kAlias[] = {{"IP", Form::Text, false}};
-constexpr Child kInstance[] = {
-    {"NODE", Form::Text, true},
-    {"ENVIRONMENT", Form::Multi, false},
-    {"ENABLED", Form::Boolean, false},
-};
-constexpr Child kService[] = {
-    {"ENABLED", Form::Boolean, false},
-    {"ENVIRONMENT", Form::Multi, false},
-    {"FOVPOLICY", Form::FovPolicy, false},
-    {"INSTANCES", Form::Container, false},
-};
-constexpr Child kServiceInstance[] = {
-    {"TYPE", Form::Type, true},
-    {"ENABLED", Form::Boolean, false},
-};
-constexpr Child kVlm[] = {
-    {"BOOTCFG", Form::Text, false},      {"TERVAN_HOME", Form::Text, false},
-    {"START_OPTIONS", Form::Text, false}, {"VERSION", Form::Text, false},
-    {"ENVIRONMENT", Form::Multi, false}, {"ENABLED", Form::Boolean, false},
-};
-constexpr Child kNode[] = {
-    {"TERVAN_HOME", Form::Text, false},
-    {"VIP", Form::Vip, false},
-    {"ENVIRONMENT", Form::Multi, false},
-};
-constexpr Child kVip[] = {
-    {"IP", Form::Text, false},
-    {"NETMASK", Form::Text, false},
-    {"INTERFACES", Form::Text, false},
 };
 
 bool iequal(std::string_view a, std::string_view b) {
@@ -105,28 +47,26 @@ public:
   }
 
   std::vector<Finding> run() {
-    const std::string dbs = "DATABASE.DATABASES";
+    const std::string dbs = kDatabases;
     if (!find(dbs))
       add(dbs, "missing: the library lists and reads databases under it");
     for (const auto &db : subkeys(dbs))
       database(dbs + "." + db, db);
-    const std::string vlm = "DATABASE.VLM";
+    const std::string vlm = kVlm;
     for (const auto &parent : subkeys(vlm)) {
       std::string pkey = vlm + "." + parent;
       lower_component(pkey, parent);
       for (const auto &name : subkeys(pkey)) {
         std::string key = pkey + "." + name;
         named(key, name, false, true);
-        children(key, kVlm);
+        children(key, kVlmWords);
       }
     }
-    const std::string nodes = "DATABASE.NODEAPPS";
+    const std::string nodes = kNodes;
     for (const auto &node : subkeys(nodes)) {
       std::string key = nodes + "." + node;
       named(key, node, false, true);
-      children(key, kNode);
-      if (find(key + ".VIP"))
-        children(key + ".VIP", kVip);
+      children(key, kNodeWords);
     }
     return std::move(findings_);
   }
@@ -147,28 +87,26 @@ private:
 
   void database(const std::string &key, const std::string &db) {
     named(key, db, false, true);
-    children(key, kDatabase);
-    if (find(key + ".DB_CLU_ALIAS"))
-      children(key + ".DB_CLU_ALIAS", kAlias);
+    children(key, kDatabaseWords);
     std::set<std::string> instances;
-    for (const auto &inst : subkeys(key + ".INSTANCE")) {
-      std::string ikey = key + ".INSTANCE." + inst;
+    for (const auto &inst : subkeys(key + "." + kInstance)) {
+      std::string ikey = key + "." + kInstance + "." + inst;
       instances.insert(inst);
       named(ikey, inst, false, true);
-      children(ikey, kInstance);
+      children(ikey, kInstanceWords);
     }
-    for (const auto &srv : subkeys(key + ".SERVICE")) {
-      std::string skey = key + ".SERVICE." + srv;
+    for (const auto &srv : subkeys(key + "." + kService)) {
+      std::string skey = key + "." + kService + "." + srv;
       named(skey, srv, true, true);
-      children(skey, kService);
-      for (const auto &inst : subkeys(skey + ".INSTANCES")) {
-        std::string ikey = skey + ".INSTANCES." + inst;
+      children(skey, kServiceWords);
+      for (const auto &inst : subkeys(skey + "." + kInstances)) {
+        std::string ikey = skey + "." + kInstances + "." + inst;
         named(ikey, inst, false, true);
-        children(ikey, kServiceInstance);
+        children(ikey, kServiceInstanceWords);
         if (!instances.contains(inst))
           add(ikey, fmt::format("the service names instance \"{}\", which "
-                                "is not under {}.INSTANCE",
-                                inst, key));
+                                "is not under {}.{}",
+                                inst, key, kInstance));
       }
     }
   }
@@ -204,7 +142,7 @@ private:
       return;
     std::string expected = comp;
     if (service)
-      std::replace(expected.begin(), expected.end(), '*', '.');
+      std::transform(expected.begin(), expected.end(), expected.begin(), service_char);
     std::string_view name(e->bytes.data(), e->bytes.size() - 1);
     if (!iequal(name, expected))
       add(key, fmt::format("name text \"{}\" is not the component \"{}\" "
@@ -239,6 +177,8 @@ private:
         continue;
       }
       value(ckey, *e, c.form);
+      if (!c.sub.empty())
+        children(ckey, c.sub);
     }
     for (const auto &sub : subkeys(key)) {
       bool fixed = std::any_of(known.begin(), known.end(), [&](const Child &c) {
@@ -246,9 +186,7 @@ private:
       });
       // The named children are walked by the callers; anything else under a
       // key with fixed words is a word the library does not know.
-      bool named_container = sub == "INSTANCE" || sub == "SERVICE" ||
-                             sub == "INSTANCES";
-      if (!fixed && !named_container)
+      if (!fixed && !named_container(sub))
         add(key + "." + sub, "unknown key: the library reads no such word here");
     }
   }
@@ -281,39 +219,32 @@ private:
       return;
     }
     std::string_view text(e.bytes.data(), e.bytes.size() - 1);
-    auto one_of = [&](std::initializer_list<std::string_view> words,
-                      bool any_case) {
+    auto one_of = [&](std::span<const std::string_view> words, bool any_case) {
       return std::any_of(words.begin(), words.end(), [&](std::string_view w) {
         return any_case ? iequal(text, w) : text == w;
       });
     };
     switch (form) {
     case Form::Boolean:
-      if (!one_of({"true", "false"}, true))
+      if (!one_of(std::array<std::string_view, 2>{"true", "false"}, true))
         add(key, fmt::format("\"{}\" is not a boolean text (\"true\" or "
                              "\"false\")",
                              text));
       break;
     case Form::Role:
-      if (!one_of({"PRIMARY", "PHYSICAL_STANDBY", "LOGICAL_STANDBY",
-                   "SNAPSHOT_STANDBY"},
-                  true))
-        add(key, fmt::format("\"{}\" is not a role (PRIMARY, "
-                             "PHYSICAL_STANDBY, LOGICAL_STANDBY, "
-                             "SNAPSHOT_STANDBY)",
-                             text));
+      if (!one_of(kRoles, true))
+        add(key, fmt::format("\"{}\" is not a role ({})", text, fmt::join(kRoles, ", ")));
       break;
     case Form::FovPolicy:
-      if (!one_of({"NONE", "BASIC", "PRECONNECT", "AVAILABLE", "MUTUAL"}, true))
-        add(key, fmt::format("\"{}\" is not a failover policy (NONE, BASIC, "
-                             "PRECONNECT, AVAILABLE, MUTUAL)",
-                             text));
+      if (!one_of(kFovPolicies, true))
+        add(key, fmt::format("\"{}\" is not a failover policy ({})", text,
+                             fmt::join(kFovPolicies, ", ")));
       break;
     case Form::Type:
-      if (!one_of({"PREFERRED", "AVAILABLE"}, false))
-        add(key, fmt::format("\"{}\" is not PREFERRED or AVAILABLE (upper "
-                             "case exactly): the instance is in neither list",
-                             text));
+      if (!one_of(kTypes, false))
+        add(key, fmt::format("\"{}\" is not {} (upper case exactly): the instance is in "
+                             "neither list",
+                             text, fmt::join(kTypes, " or ")));
       break;
     default:
       break;
@@ -321,7 +252,7 @@ private:
   }
 
   void vip_empty(const std::string &key) {
-    if (find(key + ".IP") == nullptr)
+    if (find(key + "." + kIp) == nullptr)
       add(key, "VIP is empty and has no IP subkey: the node has no address");
   }
 
