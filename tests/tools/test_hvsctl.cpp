@@ -141,6 +141,77 @@ TEST_F(HvsctlTool, CheckOfTheSampleIsClean) {
   EXPECT_NE(std::string::npos, r.out.find("0 findings"));
 }
 
+// What only shows across branches: each finding names every key involved
+// and the command that fixes it, and those commands do fix it. An unused
+// node is a notice only.
+TEST_F(HvsctlTool, CheckFindsWhatCrossesBranchesAndHowToFixIt) {
+  const std::string sales = "DATABASE.DATABASES.sales";
+  const std::string batch = sales + ".SERVICE.salesbatch";
+  for (const std::string &change :
+       {std::string("set DATABASE.DATABASES.hr.INSTANCE.hr2.NODE node9"),
+        "set " + sales + ".INSTANCE.sales2.NODE node1",
+        "set " + batch + ".INSTANCES.sales3.TYPE AVAILABLE"})
+    ASSERT_EQ(0, run(change).status) << change;
+  json doc = run_json("check --json", 5);
+  EXPECT_EQ(1, doc["schema"]);
+  struct Want {
+    std::string key, severity;
+    json keys;
+    std::string fix;
+  } want[] = {
+      {"DATABASE.DATABASES.hr.INSTANCE.hr2.NODE", "error",
+       {"DATABASE.DATABASES.hr.INSTANCE.hr2.NODE", "DATABASE.NODEAPPS.node9"},
+       "hvsctl create DATABASE.NODEAPPS.node9 node9"},
+      {sales + ".INSTANCE.sales2.NODE", "error",
+       {sales + ".INSTANCE.sales2.NODE", sales + ".INSTANCE.sales1.NODE"},
+       "hvsctl set " + sales + ".INSTANCE.sales2.NODE node2"},
+      {batch, "error", {batch, batch + ".INSTANCES"},
+       "hvsctl set " + batch + ".INSTANCES.sales1.TYPE PREFERRED"},
+      {"DATABASE.NODEAPPS.node2", "notice", {"DATABASE.NODEAPPS.node2"},
+       "hvsctl delete --recursive DATABASE.NODEAPPS.node2"},
+  };
+  ASSERT_EQ(std::size(want), doc["findings"].size()) << doc.dump(1);
+  for (size_t i = 0; i < std::size(want); ++i) {
+    const json &f = doc["findings"][i];
+    EXPECT_EQ(json({want[i].key, want[i].severity, want[i].keys, want[i].fix}),
+              json({f["key"], f["severity"], f["keys"], f["fix"]}));
+  }
+  for (size_t i = 0; i < 3; ++i)
+    ASSERT_EQ(0, run(want[i].fix.substr(std::string("hvsctl ").size())).status) << want[i].fix;
+  Result clean = run("check");
+  EXPECT_EQ(0, clean.status) << clean.out;
+  EXPECT_NE(std::string::npos, clean.out.find(" 0 findings\n")) << clean.out;
+
+  ASSERT_EQ(0, run("create DATABASE.NODEAPPS.node5 Node5").status);
+  Result notice = run("check");
+  EXPECT_EQ(0, notice.status) << notice.out;
+  EXPECT_NE(std::string::npos, notice.out.find("DATABASE.NODEAPPS.node5: notice: ")) << notice.out;
+  EXPECT_NE(std::string::npos, notice.out.find(" 0 findings, 1 notice\n")) << notice.out;
+}
+
+// "-" is standard input or output wherever a file is named: a backup piped
+// into a restore elsewhere, an export into an import, a check of standard
+// input; messages call it (stdin).
+TEST_F(HvsctlTool, DashIsStandardInputAndOutput) {
+  const std::string other = std::string(HVSCTL_PATH) + " --registry sqlite:" + file("other.db");
+  auto sh = [this](const std::string &cmd) { return hvstest::run_shell(dir_, cmd); };
+  ASSERT_EQ(0, run("backup - | tee " + file("b.json")).status);
+  EXPECT_EQ("hvs-backup", json::parse(slurp(file("b.json")))["format"]);
+  Result piped = run("backup - | " + other + " restore -");
+  ASSERT_EQ(0, piped.status) << piped.err;
+  EXPECT_EQ(0, sh(other + " diff " + file("b.json") + " --live").status);
+  ASSERT_EQ(0, sh(other + " delete -r DATABASE.DATABASES.hr").status);
+  piped = run("export | " + other + " import --replace -");
+  ASSERT_EQ(0, piped.status) << piped.err;
+  EXPECT_EQ(0, sh(other + " diff - --live < " + file("b.json")).status);
+
+  json checked = json::parse(run("check --json - < " + file("b.json")).out);
+  EXPECT_EQ("(stdin)", checked["source"]);
+  Result bad = run("import - < /dev/null");
+  EXPECT_EQ(10, bad.status);
+  EXPECT_EQ(0u, bad.err.find("(stdin):1: ")) << bad.err;
+}
+
 TEST_F(HvsctlTool, OneKeyCommandsAndTheirExitCodes) {
   const std::string inst = "DATABASE.DATABASES.hr.INSTANCE";
   struct Step {
