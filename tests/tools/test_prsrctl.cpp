@@ -5,6 +5,7 @@
 // JSON is parsed and checked, never compared as text.
 #include <gtest/gtest.h>
 
+#include <filesystem>
 #include <fstream>
 
 #include <nlohmann/json.hpp>
@@ -229,6 +230,67 @@ TEST_F(Prsrctl, VerboseShowsTheLibrarysTrace) {
                                           "[DATABASE.DATABASES.sales.ENABLED]"))
       << r.err.substr(0, 2000);
   EXPECT_EQ(std::string::npos, run("get enabled -d sales").err.find("prsr_get_db_enabled"));
+}
+
+} // namespace
+
+namespace {
+
+/* A saved file as the registry (file:): every read of both tools answers as
+ * the registry it was taken from did, with no lock directory and nothing
+ * else made beside the file; every write is refused naming the file, and
+ * changes nothing. */
+TEST_F(Prsrctl, SavedFileServesReadsAndRefusesWrites) {
+  const std::string saved = dir_.file("saved/b.json");
+  std::filesystem::create_directory(dir_.file("saved"));
+  ASSERT_EQ(0, sh(std::string(HVSCTL_PATH) + " --registry " + reg_ + " backup " + saved).status);
+  const std::string bytes = hvstest::slurp(saved);
+  const std::string file = "file:" + saved;
+  auto both = [&](const std::string &registry, const std::string &tool, const std::string &args) {
+    return sh("LKS_TIMEOUT_MS=300 " + tool + " --registry " + registry + " " + args);
+  };
+  const std::string prsrctl = PRSRCTL_PATH, hvsctl = HVSCTL_PATH;
+  const std::pair<std::string, std::string> reads[] = {
+      {prsrctl, "config database"},
+      {prsrctl, "--json config database -d sales"},
+      {prsrctl, "--json config service -d sales -s sales.east"},
+      {prsrctl, "config nodeapps -n node3"},
+      {prsrctl, "config vlm -p storage -n vlm1"},
+      {prsrctl, "get role -d salesdr"},
+      {prsrctl, "get instance -d sales -n node2"},
+      {prsrctl, "get enabled -d nosuch"},
+      {hvsctl, "dump"},
+      {hvsctl, "export DATABASE.NODEAPPS"},
+      {hvsctl, "get DATABASE.NODEAPPS.node3.VIP"},
+      {hvsctl, "ls DATABASE.DATABASES.sales.SERVICE"},
+      {hvsctl, "diff " SAMPLE_CLUSTER " --live"},
+  };
+  for (const auto &[tool, args] : reads) {
+    Result live = both(reg_, tool, args), kept = both(file, tool, args);
+    EXPECT_EQ(live.status, kept.status) << args << "\n" << kept.err;
+    EXPECT_EQ(live.out, kept.out) << args;
+  }
+  Result env = sh("HVS_REGISTRY=" + file + " " + prsrctl + " --json get enabled -d sales");
+  EXPECT_EQ(0, env.status) << env.err;
+  EXPECT_EQ(true, json::parse(env.out)["enabled"]);
+
+  const std::pair<std::string, std::string> writes[] = {
+      {prsrctl, "disable database -d sales"},
+      {prsrctl, "set role -d sales PHYSICAL_STANDBY"},
+      {hvsctl, "set DATABASE.DATABASES.sales.ENABLED false"},
+      {hvsctl, "delete -r DATABASE.DATABASES.hr"},
+      {hvsctl, "restore " SAMPLE_CLUSTER},
+  };
+  for (const auto &[tool, args] : writes) {
+    Result r = both(file, tool, args);
+    EXPECT_EQ(3, r.status) << args << "\n" << r.err;
+    EXPECT_NE(std::string::npos, r.err.find(file + ": a saved registry file is read-only"))
+        << args << "\n" << r.err;
+  }
+  EXPECT_EQ(bytes, hvstest::slurp(saved));
+  EXPECT_EQ(1, std::distance(std::filesystem::directory_iterator(dir_.file("saved")),
+                             std::filesystem::directory_iterator()));
+  EXPECT_EQ(3, both("file:" + dir_.file("none.json"), prsrctl, "config database").status);
 }
 
 } // namespace
