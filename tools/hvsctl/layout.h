@@ -5,8 +5,11 @@
 #ifndef HVSCTL_LAYOUT_H
 #define HVSCTL_LAYOUT_H
 
+#include <array>
 #include <span>
 #include <string_view>
+
+#include "frame/words.h"
 
 namespace hvsctl::layout {
 
@@ -39,10 +42,19 @@ enum class Form {
   Vip,       // text, or length 0 when the IP child holds the address
 };
 
-inline constexpr std::string_view kRoles[] = {"PRIMARY", "PHYSICAL_STANDBY", "LOGICAL_STANDBY",
-                                              "SNAPSHOT_STANDBY"};
-inline constexpr std::string_view kFovPolicies[] = {"NONE", "BASIC", "PRECONNECT", "AVAILABLE",
-                                                    "MUTUAL"};
+// The role and failover-policy words are the library's own table.
+inline constexpr auto kRoles = [] {
+  std::array<std::string_view, std::size(prsr::kRoleWords)> out{};
+  for (std::size_t i = 0; i < out.size(); ++i)
+    out[i] = prsr::kRoleWords[i];
+  return out;
+}();
+inline constexpr auto kFovPolicies = [] {
+  std::array<std::string_view, std::size(prsr::kPolicyWords)> out{};
+  for (std::size_t i = 0; i < out.size(); ++i)
+    out[i] = prsr::kPolicyWords[i].word;
+  return out;
+}();
 inline constexpr std::string_view kPreferred = "PREFERRED";
 inline constexpr std::string_view kAvailable = "AVAILABLE";
 inline constexpr std::string_view kTypes[] = {kPreferred, kAvailable};
