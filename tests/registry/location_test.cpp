@@ -25,6 +25,8 @@ TEST(Location, ParsesEachScheme) {
       {"/var/lib/reg.db", Engine::Sqlite, "/var/lib/reg.db", "",
        "sqlite:/var/lib/reg.db"},
       {"rel/../reg.db", Engine::Sqlite, "rel/../reg.db", "", ""}, // shown from /
+      {"file:/var/backups/b.json", Engine::File, "/var/backups/b.json", "",
+       "file:/var/backups/b.json"},
       {"zk://a:1,b:2/cluster/x/", Engine::ZooKeeper, "a:1,b:2", "/cluster/x",
        "zk://a:1,b:2/cluster/x/"},
       {"zk://a:1/", Engine::ZooKeeper, "a:1", "/hvs", "zk://a:1/"},
@@ -42,7 +44,7 @@ TEST(Location, ParsesEachScheme) {
 }
 
 TEST(Location, RejectsMalformedOnes) {
-  for (const char *text : {"", "sqlite:", "zk://host", "zk://host:65536", "zk://h:1,,g:2",
+  for (const char *text : {"", "sqlite:", "file:", "zk://host", "zk://host:65536", "zk://h:1,,g:2",
                            // typos that would otherwise name a relative file
                            "zk:/127.0.0.1:2181/hvs", "sqllite:/x.db", "SQLITE:/x.db",
                            " /x.db", "sqlite:~/x.db"}) {
