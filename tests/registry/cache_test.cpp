@@ -114,7 +114,7 @@ protected:
     setenv("HVS_CACHE", "off", 1);
     ASSERT_EQ(HVS_OK, hvsapi_init_ext(&stored_, 3, nullptr, nullptr, 0));
     unsetenv("HVS_CACHE");
-    ASSERT_EQ(LKS_OK, testkit::open_locks(&st_, &locks_)) << lks_status_text(&st_);
+    ASSERT_EQ(LKS_OK, testkit::open_handle(&locks_, &st_)) << lks_status_text(&st_);
   }
   void TearDown() override {
     if (locks_ != nullptr)

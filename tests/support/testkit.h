@@ -108,9 +108,6 @@ inline void *metactx() { return plinit(nullptr); }
 #endif
 
 #ifdef TESTKIT_TRACE
-/* The utility layer's trace component, registered so that its lines are named. */
-inline uintptr_t hvsutl() { return trccompreg("utility layer", "HVSUTL", 1024, 0, 0, 0, 0); }
-
 /* The trace lines written while it lives, at the given level and below. */
 class Trace {
 public:
@@ -119,7 +116,6 @@ public:
     trcsetdest(path_.c_str());
     trcsetlevel(level);
   }
-  explicit Trace(const TempDir &d, int level = 5) : Trace(d.dir(), level) { hvsutl(); }
   ~Trace() {
     trcsetlevel(old_level_);
     trcsetdest("none");
@@ -129,13 +125,6 @@ public:
   /* A line of that component and level holding msg ("TIME COMP LEVEL: msg"). */
   bool has(const std::string &comp, int level, const std::string &msg) const {
     return has(" " + comp + " " + std::to_string(level) + ": " + msg);
-  }
-  int count(const std::string &comp, int level) const {
-    std::string t = text(), needle = " " + comp + " " + std::to_string(level) + ": ";
-    int n = 0;
-    for (size_t p = t.find(needle); p != std::string::npos; p = t.find(needle, p + 1))
-      ++n;
-    return n;
   }
 
 private:
@@ -348,7 +337,6 @@ inline int32_t open_handle(void **handle, lks_status *st) {
   *handle = nullptr;
   return lkssinit(st, handle, &v, &p, 272);
 }
-inline int32_t open_locks(lks_status *st, void **h) { return open_handle(h, st); }
 
 /* A handle that must open. */
 inline void *open_ok() {

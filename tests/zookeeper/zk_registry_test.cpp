@@ -1,6 +1,5 @@
 // What the registry client does on ZooKeeper beyond the common contract:
-// component encoding, the packet limit, transactions over it, and an
-// ensemble that goes away and comes back, or a session that expires, under
+// component encoding, transactions, and an ensemble that goes away and comes back, or a session that expires, under
 // a client that keeps a cache.
 #include "testkit.h"
 #include "registry_agent.h"
@@ -48,7 +47,6 @@ protected:
       adm_ = nullptr;
     }
     unsetenv("HVS_REGISTRY");
-    unsetenv("HVS_ZK_MAX_PACKET");
   }
   int32_t create(const std::string &name, const std::string *value = nullptr) {
     return hvsadm_create_key(adm_, name.c_str(), value ? 1 : 0, value ? value->data() : nullptr,
@@ -121,60 +119,6 @@ TEST_F(ZooKeeperRegistry, OddComponentsRoundTripAndSortByTheirOwnBytes) {
   EXPECT_EQ(HVS_OK, read("P.%41", 64, out, len));
 }
 
-// A value is refused with a clear error before it reaches the server when
-// the packet could not carry it; up to the limit it reads back, sized by
-// the client from the whole value.
-TEST_F(ZooKeeperRegistry, ValuesOverThePacketLimitAreRefusedBeforeSending) {
-  const std::string big(1000 * 1000, 'b');
-  const std::string huge(1100 * 1000, 'h');
-  ASSERT_EQ(HVS_OK, create("BIG", &big)) << last_error(adm_);
-  std::string out;
-  uint32_t len = 0;
-  EXPECT_EQ(HVS_ERR_SMALL_BUFFER, read("BIG", 64, out, len));
-  EXPECT_EQ(big.size(), len);
-  EXPECT_EQ(HVS_OK, read("BIG", len, out, len));
-  EXPECT_EQ(big, out);
-
-  auto t0 = std::chrono::steady_clock::now();
-  EXPECT_EQ(HVS_ERR_TOO_LARGE, create("HUGE", &huge));
-  EXPECT_NE(std::string::npos, last_error(adm_).find("packet limit")) << last_error(adm_);
-  EXPECT_EQ(HVS_ERR_TOO_LARGE, hvsadm_put_value(adm_, "BIG", 1, huge.data(), uint32_t(huge.size())));
-  EXPECT_LT(ms_since(t0), 1000); // refused here, not by a dropped connection
-  // The connection is as it was, and BIG unchanged.
-  EXPECT_EQ(HVS_OK, read("BIG", len, out, len));
-  EXPECT_EQ(big, out);
-  void *key = nullptr;
-  EXPECT_EQ(HVS_ERR_NO_KEY, hvsapi_open_key(adm_, &key, "HUGE"));
-}
-
-// A transaction whose multi-op request would not fit one packet says so and
-// writes nothing; one that fits lands whole.
-TEST_F(ZooKeeperRegistry, TransactionOverThePacketLimitSaysSoAndWritesNothing) {
-  close();
-  setenv("HVS_ZK_MAX_PACKET", "8192", 1);
-  open_at(fresh_location("tx"));
-  const std::string value(100, 'v');
-  auto fill = [&](const std::string &top, int n) {
-    ASSERT_EQ(HVS_OK, hvsadm_begin(adm_));
-    ASSERT_EQ(HVS_OK, create(top));
-    for (int i = 0; i < n; ++i)
-      ASSERT_EQ(HVS_OK, create(top + ".K" + std::to_string(i), &value)) << last_error(adm_);
-  };
-  fill("SMALL", 10);
-  EXPECT_EQ(HVS_OK, hvsadm_commit(adm_)) << last_error(adm_);
-  EXPECT_EQ(10u, subkeys("SMALL").size());
-
-  fill("LARGE", 200);
-  EXPECT_EQ(HVS_ERR_TOO_LARGE, hvsadm_commit(adm_));
-  std::string why = last_error(adm_);
-  EXPECT_NE(std::string::npos, why.find("packet limit of 8192")) << why;
-  EXPECT_NE(std::string::npos, why.find("nothing was written")) << why;
-  void *key = nullptr;
-  EXPECT_EQ(HVS_ERR_NO_KEY, hvsapi_open_key(adm_, &key, "LARGE"));
-  // The handle is out of the transaction and works on.
-  EXPECT_EQ(HVS_OK, create("AFTER"));
-}
-
 // A failing write inside a transaction (a key that exists, a missing
 // parent) fails at once, and the commit of the rest is whole.
 TEST_F(ZooKeeperRegistry, TransactionSeesItsOwnCreationsAndDeletions) {
@@ -235,7 +179,7 @@ TEST(ZooKeeperAccess, ProtectedRegistryIsClosedToClientsWithoutTheCredential) {
   ASSERT_EQ(HVS_OK, hvsadm_create_key(adm, "K", 1, "v", 2));
   lks_status st{};
   void *locks = nullptr;
-  ASSERT_EQ(LKS_OK, testkit::open_locks(&st, &locks)) << lks_status_text(&st);
+  ASSERT_EQ(LKS_OK, testkit::open_handle(&locks, &st)) << lks_status_text(&st);
   ASSERT_EQ(LKS_OK, lksmutexlock(&st, locks, "FLTM.K")) << lks_status_text(&st);
 
   // Without the credential: the client cannot even open the registry...
@@ -298,7 +242,7 @@ TEST(ZooKeeperOutage, StoppedServerGivesClearFailuresAndRestartedOneWorksAgain) 
   ASSERT_EQ(HVS_OK, hvsadm_create_key(adm, "K", 1, "v", 2));
   lks_status st{};
   void *locks = nullptr;
-  ASSERT_EQ(LKS_OK, testkit::open_locks(&st, &locks)) << lks_status_text(&st);
+  ASSERT_EQ(LKS_OK, testkit::open_handle(&locks, &st)) << lks_status_text(&st);
   ASSERT_EQ(LKS_OK, lksmutexlock(&st, locks, "L"));
   ASSERT_EQ(LKS_OK, lksunlock(&st, locks, "L"));
   void *cached = nullptr;

@@ -68,13 +68,7 @@ bool iequal(std::string_view a, std::string_view b) {
 
 class Checker {
 public:
-  explicit Checker(const Tree &tree) {
-    for (const Entry &e : tree) {
-      keys_.emplace(e.name, &e);
-      if (!e.name.empty())
-        children_[std::string(hvs::parent_of(e.name))].push_back(
-            std::string(hvs::last_component(e.name)));
-    }
+  explicit Checker(const Tree &tree) : index_(tree) {
   }
 
   std::vector<Finding> run() {
@@ -104,14 +98,9 @@ public:
   }
 
 private:
-  const Entry *find(const std::string &key) const {
-    auto it = keys_.find(key);
-    return it == keys_.end() ? nullptr : it->second;
-  }
+  const Entry *find(const std::string &key) const { return index_.find(key); }
   const std::vector<std::string> &subkeys(const std::string &key) const {
-    static const std::vector<std::string> none;
-    auto it = children_.find(key);
-    return it == children_.end() ? none : it->second;
+    return index_.subkeys(key);
   }
   void add(const std::string &key, std::string problem) {
     findings_.push_back({key, std::move(problem), {key}, {}, false});
@@ -383,8 +372,7 @@ private:
       add(key, "malformed multi-string: it holds an empty string");
   }
 
-  std::map<std::string, const Entry *> keys_;
-  std::map<std::string, std::vector<std::string>> children_;
+  Index index_;
   std::vector<Finding> findings_;
 };
 

@@ -51,13 +51,7 @@ struct Object {
 // The objects of one tree by their key.
 class Model {
 public:
-  explicit Model(const Tree &tree) {
-    for (const Entry &e : tree) {
-      keys_.emplace(e.name, &e);
-      if (!e.name.empty())
-        children_[std::string(hvs::parent_of(e.name))].push_back(
-            std::string(hvs::last_component(e.name)));
-    }
+  explicit Model(const Tree &tree) : index_(tree) {
     const std::string dbs = kDatabases;
     for (const auto &db : subkeys(dbs)) {
       std::string key = dbs + "." + db;
@@ -81,14 +75,9 @@ public:
   const std::map<std::string, Object> &objects() const { return objects_; }
 
 private:
-  const Entry *find(const std::string &key) const {
-    auto it = keys_.find(key);
-    return it == keys_.end() ? nullptr : it->second;
-  }
+  const Entry *find(const std::string &key) const { return index_.find(key); }
   const std::vector<std::string> &subkeys(const std::string &key) const {
-    static const std::vector<std::string> none;
-    auto it = children_.find(key);
-    return it == children_.end() ? none : it->second;
+    return index_.subkeys(key);
   }
 
   // A text without its NUL, or the value as dump shows it.
@@ -210,8 +199,7 @@ private:
         {"available", Form::Text, fmt::format("[{}]", fmt::join(available, ", ")), keys});
   }
 
-  std::map<std::string, const Entry *> keys_;
-  std::map<std::string, std::vector<std::string>> children_;
+  Index index_;
   std::map<std::string, Object> objects_;
 };
 

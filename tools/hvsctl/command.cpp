@@ -138,6 +138,15 @@ int Client::fail(const std::string &what) const {
   return kRegistry;
 }
 
+Index::Index(const Tree &tree) {
+  for (const Entry &e : tree) {
+    keys_.emplace(e.name, &e);
+    if (!e.name.empty())
+      children_[std::string(hvs::parent_of(e.name))].push_back(
+          std::string(hvs::last_component(e.name)));
+  }
+}
+
 int load_live(Client &client, const std::string &root, Tree &out) {
   auto cb = [](void *arg, const char *name, const void *value, uint32_t len,
                int has_value) -> int {

@@ -6,6 +6,7 @@
 
 #include <cstdint>
 #include <functional>
+#include <map>
 #include <string>
 #include <vector>
 
@@ -102,6 +103,26 @@ struct Entry {
   std::string bytes;
 };
 using Tree = std::vector<Entry>; // parents before their children
+
+// A tree's keys by name, and each key's subkey names, for the commands that
+// read a tree as objects (check, diff). It points into the tree.
+class Index {
+public:
+  explicit Index(const Tree &tree);
+  const Entry *find(const std::string &key) const {
+    auto it = keys_.find(key);
+    return it == keys_.end() ? nullptr : it->second;
+  }
+  const std::vector<std::string> &subkeys(const std::string &key) const {
+    static const std::vector<std::string> none;
+    auto it = children_.find(key);
+    return it == children_.end() ? none : it->second;
+  }
+
+private:
+  std::map<std::string, const Entry *> keys_;
+  std::map<std::string, std::vector<std::string>> children_;
+};
 
 // The whole live registry (or the subtree under root). Returns an exit code.
 int load_live(Client &client, const std::string &root, Tree &out);
