@@ -1,6 +1,8 @@
 /* The same calls on the two registry engines side by side: a point read
  * (prsr_get_db_enabled: one key, no lock) and a whole record
- * (prsr_fetch_db_config: a shared lock and some thirty keys). The
+ * (prsr_fetch_db_config: a shared lock and some thirty keys), with the
+ * registry client's cache warm (the default) and without it
+ * (HVS_CACHE=off), beside a bare lock and unlock of the record's lock. The
  * ZooKeeper side runs on the ensemble HVS_TEST_ZK names (scripts/zk.sh
  * start) and is skipped without it. */
 #include <benchmark/benchmark.h>
@@ -12,7 +14,9 @@
 #include <string>
 #include <unistd.h>
 
+#include "bench_support.h"
 #include "hvsadm.h"
+#include "lks.h"
 #include "prsr.h"
 
 namespace {
@@ -62,15 +66,18 @@ public:
     }
     if (hvsadm_commit(adm_) != 0)
       throw std::runtime_error("cannot fill the registry at " + location);
-    if (prsr_init(&st_, &ctx_) != PRSR_SUCCESS)
+    if (prsr_init(&st_, &ctx_) != PRSR_SUCCESS ||
+        prsrbench::with_env("HVS_CACHE", "off", [&] { return prsr_init(&st_, &uncached_); }) !=
+            PRSR_SUCCESS)
       throw std::runtime_error("prsr_init failed on " + location);
   }
   ~Cluster() {
+    prsr_terminate(&st_, uncached_);
     prsr_terminate(&st_, ctx_);
     hvsadm_delete_key(adm_, "", 1);
     hvsapi_terminate(adm_);
   }
-  prsr_ctx *ctx() { return ctx_; }
+  prsr_ctx *ctx(bool cached = true) { return cached ? ctx_ : uncached_; }
   lks_status *status() { return &st_; }
 
 private:
@@ -81,6 +88,7 @@ private:
   std::string location_;
   void *adm_ = nullptr;
   prsr_ctx *ctx_ = nullptr;
+  prsr_ctx *uncached_ = nullptr;
   lks_status st_{};
 };
 
@@ -115,7 +123,7 @@ Cluster *cluster(Engine e, std::string &why) {
   }
 }
 
-void get_db_enabled(benchmark::State &state, Engine e) {
+void get_db_enabled(benchmark::State &state, Engine e, bool cached) {
   std::string why;
   Cluster *c = cluster(e, why);
   if (c == nullptr) {
@@ -124,7 +132,7 @@ void get_db_enabled(benchmark::State &state, Engine e) {
   }
   uint32_t flag = 0;
   for (auto _ : state) {
-    if (prsr_get_db_enabled(c->status(), c->ctx(), "Sales", &flag) != PRSR_SUCCESS) {
+    if (prsr_get_db_enabled(c->status(), c->ctx(cached), "Sales", &flag) != PRSR_SUCCESS) {
       state.SkipWithError("prsr_get_db_enabled failed");
       break;
     }
@@ -132,26 +140,86 @@ void get_db_enabled(benchmark::State &state, Engine e) {
   }
 }
 
-void fetch_db_config(benchmark::State &state, Engine e) {
+void fetch_db_config(benchmark::State &state, Engine e, bool cached) {
   std::string why;
   Cluster *c = cluster(e, why);
   if (c == nullptr) {
     state.SkipWithError(why.c_str());
     return;
   }
+  hvsadm_cache_info before{}, after{};
+  hvsadm_cache_stats(c->ctx(cached)->hvs_handle, &before);
   for (auto _ : state) {
     prsr_cfg *cfg = nullptr;
-    if (prsr_fetch_db_config(c->status(), c->ctx(), "Sales", &cfg) != PRSR_SUCCESS) {
+    if (prsr_fetch_db_config(c->status(), c->ctx(cached), "Sales", &cfg) != PRSR_SUCCESS) {
       state.SkipWithError("prsr_fetch_db_config failed");
       break;
     }
-    prsr_release_db_config(c->status(), c->ctx(), cfg);
+    prsr_release_db_config(c->status(), c->ctx(cached), cfg);
+  }
+  if (cached && hvsadm_cache_stats(c->ctx(cached)->hvs_handle, &after) == HVS_OK) {
+    double n = double(state.iterations());
+    state.counters["hits"] = double(after.hits - before.hits) / n;
+    state.counters["misses"] = double(after.misses - before.misses) / n;
+  }
+}
+
+/* The shared lock a fetch takes, and its release, with nothing read. */
+void lock_unlock(benchmark::State &state, Engine e) {
+  std::string why;
+  Cluster *c = cluster(e, why);
+  if (c == nullptr) {
+    state.SkipWithError(why.c_str());
+    return;
+  }
+  const char *name = "FLTM.DATABASE.DATABASES.sales";
+  for (auto _ : state) {
+    if (lksshrlock(c->status(), c->ctx()->lock_handle, name) != LKS_OK ||
+        lksunlock(c->status(), c->ctx()->lock_handle, name) != LKS_OK) {
+      state.SkipWithError("lock or unlock failed");
+      break;
+    }
   }
 }
 
 } // namespace
 
-BENCHMARK_CAPTURE(get_db_enabled, sqlite, Engine::Sqlite)->Unit(benchmark::kMicrosecond);
-BENCHMARK_CAPTURE(get_db_enabled, zookeeper, Engine::ZooKeeper)->Unit(benchmark::kMicrosecond);
-BENCHMARK_CAPTURE(fetch_db_config, sqlite, Engine::Sqlite)->Unit(benchmark::kMicrosecond);
-BENCHMARK_CAPTURE(fetch_db_config, zookeeper, Engine::ZooKeeper)->Unit(benchmark::kMicrosecond);
+BENCHMARK_CAPTURE(get_db_enabled, sqlite, Engine::Sqlite, true)->Unit(benchmark::kMicrosecond);
+BENCHMARK_CAPTURE(get_db_enabled, zookeeper, Engine::ZooKeeper, true)
+    ->Unit(benchmark::kMicrosecond)
+    ->UseRealTime();
+BENCHMARK_CAPTURE(get_db_enabled, sqlite_cache_off, Engine::Sqlite, false)
+    ->Unit(benchmark::kMicrosecond);
+BENCHMARK_CAPTURE(get_db_enabled, zookeeper_cache_off, Engine::ZooKeeper, false)
+    ->Unit(benchmark::kMicrosecond)
+    ->UseRealTime();
+BENCHMARK_CAPTURE(fetch_db_config, sqlite, Engine::Sqlite, true)->Unit(benchmark::kMicrosecond);
+BENCHMARK_CAPTURE(fetch_db_config, zookeeper, Engine::ZooKeeper, true)
+    ->Unit(benchmark::kMicrosecond)
+    ->UseRealTime();
+BENCHMARK_CAPTURE(fetch_db_config, sqlite_cache_off, Engine::Sqlite, false)
+    ->Unit(benchmark::kMicrosecond);
+BENCHMARK_CAPTURE(fetch_db_config, zookeeper_cache_off, Engine::ZooKeeper, false)
+    ->Unit(benchmark::kMicrosecond)
+    ->UseRealTime();
+BENCHMARK_CAPTURE(lock_unlock, sqlite, Engine::Sqlite)->Unit(benchmark::kMicrosecond);
+BENCHMARK_CAPTURE(lock_unlock, zookeeper, Engine::ZooKeeper)
+    ->Unit(benchmark::kMicrosecond)
+    ->UseRealTime();
+
+namespace {
+[[maybe_unused]] const bool kCompared =
+    prsrbench::compare("ZooKeeper point read, cached / SQLite point read, cached",
+                       "get_db_enabled/zookeeper/real_time", "get_db_enabled/sqlite", 2.0, true) &&
+    prsrbench::compare("ZooKeeper fetch, cached / ZooKeeper shared lock+unlock",
+                       "fetch_db_config/zookeeper/real_time", "lock_unlock/zookeeper/real_time",
+                       1.5, true) &&
+    prsrbench::compare("SQLite fetch, cached / SQLite shared lock+unlock", "fetch_db_config/sqlite",
+                       "lock_unlock/sqlite", 0) &&
+    prsrbench::compare("ZooKeeper point read, HVS_CACHE=off / cached",
+                       "get_db_enabled/zookeeper_cache_off/real_time",
+                       "get_db_enabled/zookeeper/real_time", 0, true) &&
+    prsrbench::compare("ZooKeeper fetch, HVS_CACHE=off / cached",
+                       "fetch_db_config/zookeeper_cache_off/real_time",
+                       "fetch_db_config/zookeeper/real_time", 0, true);
+} // namespace

@@ -1,5 +1,6 @@
 /* The enable flag of a database: the library's read and write beside a
- * raw SQLite read and write of the same key. */
+ * raw SQLite read and write of the same key; the read with the registry
+ * client's cache (the default) and without (HVS_CACHE=off). */
 #include <benchmark/benchmark.h>
 #include <sqlite3.h>
 
@@ -14,6 +15,7 @@ namespace {
 struct EnabledFixture {
   prsrbench::Registry reg{"enabled"};
   prsr_ctx *ctx = nullptr;
+  prsr_ctx *uncached = nullptr; /* a session opened with HVS_CACHE=off */
   lks_status st{};
   sqlite3 *db = nullptr;
   sqlite3_stmt *read = nullptr;
@@ -27,6 +29,7 @@ struct EnabledFixture {
     reg.text("DATABASE.DATABASES.sales.ENABLED", "true");
     reg.commit();
     prsr_init(&st, &ctx);
+    prsrbench::with_env("HVS_CACHE", "off", [&] { return prsr_init(&st, &uncached); });
     sqlite3_open_v2(reg.path().c_str(), &db, SQLITE_OPEN_READWRITE, nullptr);
     sqlite3_busy_timeout(db, 10000);
     sqlite3_prepare_v2(db, "SELECT value FROM hvs_key WHERE path = ?1", -1, &read, nullptr);
@@ -38,6 +41,7 @@ struct EnabledFixture {
     sqlite3_finalize(write);
     sqlite3_close(db);
     prsr_terminate(&st, ctx);
+    prsr_terminate(&st, uncached);
   }
 };
 
@@ -48,15 +52,18 @@ EnabledFixture &fixture() {
 
 constexpr char kKey[] = "DATABASE.DATABASES.sales.ENABLED";
 
-void get_enabled_prsr(benchmark::State &state) {
+void get_enabled(benchmark::State &state, prsr_ctx *ctx) {
   auto &f = fixture();
   uint32_t flag = 0;
   for (auto _ : state) {
-    if (prsr_get_db_enabled(&f.st, f.ctx, "Sales", &flag) != PRSR_SUCCESS)
+    if (prsr_get_db_enabled(&f.st, ctx, "Sales", &flag) != PRSR_SUCCESS)
       state.SkipWithError("prsr_get_db_enabled failed");
     benchmark::DoNotOptimize(flag);
   }
 }
+
+void get_enabled_prsr(benchmark::State &state) { get_enabled(state, fixture().ctx); }
+void get_enabled_uncached(benchmark::State &state) { get_enabled(state, fixture().uncached); }
 
 void get_enabled_raw(benchmark::State &state) {
   auto &f = fixture();
@@ -99,5 +106,12 @@ void set_enabled_raw(benchmark::State &state) {
 
 BENCHMARK(get_enabled_prsr)->Name("get_db_enabled:prsr");
 BENCHMARK(get_enabled_raw)->Name("get_db_enabled:raw");
+BENCHMARK(get_enabled_uncached)->Name("get_db_enabled/cache_off");
+
+[[maybe_unused]] const bool kCompared =
+    prsrbench::compare("SQLite point read, cached / one raw prepared lookup",
+                       "get_db_enabled:prsr", "get_db_enabled:raw", 0.3) &&
+    prsrbench::compare("SQLite point read, HVS_CACHE=off / one raw prepared lookup",
+                       "get_db_enabled/cache_off", "get_db_enabled:raw", 0);
 BENCHMARK(set_enabled_prsr)->Name("set_db_enabled:prsr");
 BENCHMARK(set_enabled_raw)->Name("set_db_enabled:raw");

@@ -1,8 +1,10 @@
-/* The whole-record fetch and the database listing: the library beside the
- * raw registry reads of the same keys, and their growth with the number of
- * entries. */
+/* The whole-record fetch and the database listing: the library (with the
+ * registry client's cache, and without) beside raw SQLite reads of the
+ * same keys, and their growth with the number of entries. */
 #include <benchmark/benchmark.h>
+#include <sqlite3.h>
 
+#include <cstring>
 #include <map>
 #include <memory>
 #include <string>
@@ -14,24 +16,29 @@
 
 namespace {
 
-/* A registry with one session and one raw client on it. */
+/* A registry with a session, one without cache, and a raw SQLite
+ * connection on it. */
 struct Fixture {
   prsrbench::Registry reg;
   prsr_ctx *ctx = nullptr;
+  prsr_ctx *uncached = nullptr;
   lks_status st{};
-  void *hvs = nullptr;
+  sqlite3 *raw = nullptr;
+  sqlite3_stmt *read = nullptr;
   std::vector<std::string> read_keys; /* every key whose value a fetch reads */
 
   explicit Fixture(const std::string &tag) : reg(tag) {}
   void open() {
     prsr_init(&st, &ctx);
-    char msg[1024] = {0};
-    uint64_t len = sizeof msg;
-    hvsapi_init_ext(&hvs, 3, msg, &len, 0);
+    prsrbench::with_env("HVS_CACHE", "off", [&] { return prsr_init(&st, &uncached); });
+    sqlite3_open_v2(reg.path().c_str(), &raw, SQLITE_OPEN_READWRITE, nullptr);
+    sqlite3_prepare_v2(raw, "SELECT value FROM hvs_key WHERE path = ?1", -1, &read, nullptr);
   }
   ~Fixture() {
-    if (hvs)
-      hvsapi_terminate(hvs);
+    sqlite3_finalize(read);
+    sqlite3_close(raw);
+    if (uncached)
+      prsr_terminate(&st, uncached);
     if (ctx)
       prsr_terminate(&st, ctx);
   }
@@ -124,10 +131,10 @@ Fixture &list_fixture(int n) {
   return *f;
 }
 
-void fetch(benchmark::State &state, Fixture &f) {
+void fetch(benchmark::State &state, Fixture &f, bool cached = true) {
   for (auto _ : state) {
     prsr_cfg *cfg = nullptr;
-    if (prsr_fetch_db_config(&f.st, f.ctx, "Sales", &cfg) != PRSR_SUCCESS) {
+    if (prsr_fetch_db_config(&f.st, cached ? f.ctx : f.uncached, "Sales", &cfg) != PRSR_SUCCESS) {
       state.SkipWithError("prsr_fetch_db_config failed");
       break;
     }
@@ -136,29 +143,41 @@ void fetch(benchmark::State &state, Fixture &f) {
   }
 }
 
-/* The same values read straight from the registry client: open, read and
- * close of every key, nothing kept. */
+/* The same values read straight from SQLite: one prepared lookup per key,
+ * as the registry client makes them, nothing kept. */
 void raw_reads(benchmark::State &state, Fixture &f) {
   std::vector<char> buf(1 << 16);
   for (auto _ : state) {
     for (const std::string &k : f.read_keys) {
-      void *key = nullptr;
-      if (hvsapi_open_key(f.hvs, &key, k.c_str()) != 0) {
-        state.SkipWithError("hvsapi_open_key failed");
+      sqlite3_bind_blob(f.read, 1, k.data(), int(k.size()), SQLITE_STATIC);
+      if (sqlite3_step(f.read) != SQLITE_ROW) {
+        state.SkipWithError("raw lookup failed");
         return;
       }
-      uint32_t type = 0, len = static_cast<uint32_t>(buf.size());
-      hvsapi_get_value(f.hvs, key, &type, buf.data(), &len);
+      int n = sqlite3_column_bytes(f.read, 0);
+      std::memcpy(buf.data(), sqlite3_column_blob(f.read, 0), size_t(n));
       benchmark::DoNotOptimize(buf.data());
-      hvsapi_close_key(f.hvs, key);
+      sqlite3_reset(f.read);
     }
   }
 }
 
 void fetch_typical_prsr(benchmark::State &state) { fetch(state, fetch_fixture(8, 4, 4)); }
 void fetch_typical_raw(benchmark::State &state) { raw_reads(state, fetch_fixture(8, 4, 4)); }
+void fetch_typical_uncached(benchmark::State &state) {
+  fetch(state, fetch_fixture(8, 4, 4), false);
+}
 BENCHMARK(fetch_typical_prsr)->Name("fetch_8_instances_4_services:prsr");
 BENCHMARK(fetch_typical_raw)->Name("fetch_8_instances_4_services:raw");
+BENCHMARK(fetch_typical_uncached)->Name("fetch_8_instances_4_services/cache_off");
+
+[[maybe_unused]] const bool kCompared =
+    prsrbench::compare("SQLite fetch 8 instances 4x4 services, cached / raw reads",
+                       "fetch_8_instances_4_services:prsr", "fetch_8_instances_4_services:raw",
+                       0.15) &&
+    prsrbench::compare("SQLite fetch 8 instances 4x4 services, HVS_CACHE=off / raw reads",
+                       "fetch_8_instances_4_services/cache_off",
+                       "fetch_8_instances_4_services:raw", 0);
 
 /* Growth: n services of one instance each, n instances, n databases. */
 void fetch_services(benchmark::State &state) {

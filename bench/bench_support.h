@@ -6,10 +6,56 @@
 #include <filesystem>
 #include <stdexcept>
 #include <string>
+#include <vector>
 
 #include "hvsadm.h"
 
 namespace prsrbench {
+
+/* A ratio the report prints at the end: the time of benchmark `num` over
+ * that of `den`, both of this run, against the most it may be (0: shown
+ * only). CPU time suits work done on this machine; real time includes the
+ * waits for a server. */
+struct Comparison {
+  std::string label, num, den;
+  double most;
+  bool real_time;
+};
+
+inline std::vector<Comparison> &comparisons() {
+  static std::vector<Comparison> all;
+  return all;
+}
+
+/* For use at namespace scope: static const bool x = compare(...); */
+inline bool compare(std::string label, std::string num, std::string den, double most,
+                    bool real_time = false) {
+  comparisons().push_back({std::move(label), std::move(num), std::move(den), most, real_time});
+  return true;
+}
+
+/* Runs fn with the environment variable name set to value (unset for
+ * nullptr), and puts it back after. */
+template <class F> auto with_env(const char *name, const char *value, F &&fn) {
+  const char *old = std::getenv(name);
+  std::string saved = old ? old : "";
+  if (value)
+    setenv(name, value, 1);
+  else
+    unsetenv(name);
+  struct Restore {
+    const char *name;
+    bool had;
+    std::string value;
+    ~Restore() {
+      if (had)
+        setenv(name, value.c_str(), 1);
+      else
+        unsetenv(name);
+    }
+  } restore{name, old != nullptr, saved};
+  return fn();
+}
 
 /* A fresh SQLite registry in a temporary folder; HVS_REGISTRY names it. */
 class Registry {

@@ -13,6 +13,8 @@ trap 'scripts/zk.sh stop "$ZK_DIR" >/dev/null; rm -rf "$ZK_DIR"' EXIT
 scripts/zk.sh start "$ZK_DIR"
 export HVS_TEST_ZK=$(scripts/zk.sh address "$ZK_DIR")
 
+# Both passes run the fault rig too (label faultrig, alone, about 2.5
+# minutes; skipped without root): scripts/faultrig.sh short.
 echo "== developer build (-Werror)"
 cmake --preset dev >/dev/null
 cmake --build --preset dev -j"$jobs"

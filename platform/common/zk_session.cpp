@@ -254,14 +254,17 @@ std::string describe(int rc, const Settings &s) {
   }
 }
 
-void Session::on_event(zhandle_t *, int type, int state, const char *,
+void Session::on_event(zhandle_t *, int type, int state, const char *path,
                        void *ctx) {
   auto *self = static_cast<Session *>(ctx);
   bool connected = false;
   std::vector<std::function<void()>> expiry;
+  std::shared_ptr<const Listener> listener;
   {
     std::lock_guard lock(self->mu_);
+    listener = self->listener_;
     if (type == ZOO_SESSION_EVENT) {
+      self->up_.store(state == ZOO_CONNECTED_STATE, std::memory_order_release);
       if (state == ZOO_CONNECTED_STATE) {
         connected = self->state_ != ZOO_CONNECTED_STATE && !self->orphans_.empty();
         self->lost_at_ = {};
@@ -278,6 +281,8 @@ void Session::on_event(zhandle_t *, int type, int state, const char *,
     ++self->events_;
   }
   self->cv_.notify_all();
+  if (listener)
+    (*listener)(type, state, path);
   for (auto &fn : expiry)
     fn();
   if (connected)
@@ -346,6 +351,11 @@ int64_t Session::id() const {
   return cid ? cid->client_id : 0;
 }
 
+int Session::granted_ms() const {
+  int ms = zh_ != nullptr ? zoo_recv_timeout(zh_) : 0;
+  return ms > 0 ? ms : settings_.session_ms;
+}
+
 uint64_t Session::events() const {
   std::lock_guard lock(mu_);
   return events_;
@@ -373,6 +383,12 @@ bool Session::wait_connected(Deadline deadline) {
         Clock::now() >= until)
       return state_ == ZOO_CONNECTED_STATE && !expired_.load();
   }
+}
+
+void Session::on_change(Listener fn) {
+  auto listener = std::make_shared<const Listener>(std::move(fn));
+  std::lock_guard lock(mu_);
+  listener_ = std::move(listener);
 }
 
 void Session::on_expiry(std::function<void()> fn) {
@@ -408,11 +424,11 @@ template <class Submit> int Session::read(Submit &&submit) {
     rc = finish(submitted, call, deadline);                                    \
   } while (0)
 
-int Session::get(const std::string &path, std::string &data, bool &null) {
+int Session::get(const std::string &path, std::string &data, bool &null, bool watch) {
   return read([&](Deadline deadline) {
     auto call = std::make_shared<Call>();
     int rc;
-    HVS_ZK_SUBMIT(call, deadline, zoo_aget(zh_, path.c_str(), 0, data_done, ctx));
+    HVS_ZK_SUBMIT(call, deadline, zoo_aget(zh_, path.c_str(), watch, data_done, ctx));
     if (rc == ZOK) {
       std::lock_guard lock(call->mu);
       data = std::move(call->data);
@@ -422,12 +438,12 @@ int Session::get(const std::string &path, std::string &data, bool &null) {
   });
 }
 
-int Session::children(const std::string &path, std::vector<std::string> &out) {
+int Session::children(const std::string &path, std::vector<std::string> &out, bool watch) {
   return read([&](Deadline deadline) {
     auto call = std::make_shared<Call>();
     int rc;
     HVS_ZK_SUBMIT(call, deadline,
-                  zoo_aget_children(zh_, path.c_str(), 0, strings_done, ctx));
+                  zoo_aget_children(zh_, path.c_str(), watch, strings_done, ctx));
     if (rc == ZOK) {
       std::lock_guard lock(call->mu);
       out = std::move(call->strings);
@@ -445,6 +461,25 @@ int Session::watch_exists(const std::string &path, bool &exists) {
   });
   exists = found == ZOK;
   return found == ZNONODE ? ZOK : found;
+}
+
+int Session::sync(const std::string &path) {
+  return read([&](Deadline deadline) {
+    auto synced = std::make_shared<Call>();
+    Holder *sync_ctx = hold(synced);
+    int rc = zoo_async(zh_, path.c_str(), string_done, sync_ctx);
+    if (rc != ZOK) {
+      delete sync_ctx;
+      return rc;
+    }
+    auto call = std::make_shared<Call>();
+    HVS_ZK_SUBMIT(call, deadline, zoo_aexists(zh_, path.c_str(), 0, stat_done, ctx));
+    // Completions run in the order of the answers: the sync's came first.
+    int synced_rc = finish(ZOK, synced, deadline);
+    if (synced_rc != ZOK)
+      return synced_rc;
+    return rc == ZNONODE ? ZOK : rc;
+  });
 }
 
 int Session::create(const std::string &path, const char *data, int len,

@@ -117,9 +117,10 @@ public:
   bool wait_connected(Deadline deadline);
 
   /* Reads; sent again after a connection loss that heals in time.
-   * null: the node has no data (distinct from 0 bytes). */
-  int get(const std::string &path, std::string &data, bool &null);
-  int children(const std::string &path, std::vector<std::string> &out);
+   * null: the node has no data (distinct from 0 bytes). With watch, the
+   * read leaves a watch whose event goes to the on_change() listener. */
+  int get(const std::string &path, std::string &data, bool &null, bool watch = false);
+  int children(const std::string &path, std::vector<std::string> &out, bool watch = false);
   /* Sets a watch on path; any event on it bumps events(). */
   int watch_exists(const std::string &path, bool &exists);
 
@@ -140,6 +141,28 @@ public:
 
   /* Called once, on the client's event thread, when the session expires. */
   void on_expiry(std::function<void()> fn);
+
+  /* Connected right now, as far as the client knows. */
+  bool connected() const { return up_.load(std::memory_order_acquire); }
+  /* The session timeout the ensemble granted (it may differ from the one
+   * asked), in milliseconds. */
+  int granted_ms() const;
+
+  /* Every event of the session, watch events (type, path) and state
+   * changes (ZOO_SESSION_EVENT, state), on the client's event thread: in
+   * the order the server sent them, between the completions of the calls
+   * answered before and after them. One listener; set it before the first
+   * watched read. */
+  using Listener = std::function<void(int type, int state, const char *path)>;
+  void on_change(Listener fn);
+
+  /* Returns once the server this session talks to has caught up with the
+   * leader as it was at the call, and the events the server sent before
+   * (the notifications of every write before the call, for this session's
+   * watches) have been through the listener: a sync of path and a read of
+   * it, sent together; the read's answer comes after the sync's, and after
+   * the notifications sent before either. */
+  int sync(const std::string &path);
 
   /* Watch events and state changes seen so far. wait_event() returns when
    * the count moves past seen, the session expires, or deadline passes. */
@@ -165,6 +188,8 @@ private:
   Deadline lost_at_{};   // when the connection was last lost; {} when up
   uint64_t events_ = 0;
   std::atomic<bool> expired_{false};
+  std::atomic<bool> up_{false};
+  std::shared_ptr<const Listener> listener_; // guarded by mu_
   std::vector<Orphan> orphans_;              // guarded by mu_
   std::vector<std::function<void()>> expiry_; // guarded by mu_
 };

@@ -11,8 +11,11 @@
 #include <chrono>
 #include <fcntl.h>
 #include <filesystem>
+#include <fstream>
+#include <functional>
 #include <mutex>
 #include <thread>
+#include <sys/stat.h>
 #include <unistd.h>
 #include <vector>
 
@@ -435,4 +438,86 @@ TEST_F(LockTest, EngineFollowsTheRegistryLocation) {
   EXPECT_EQ(a.code, LKS_ERR_SYSTEM);
   EXPECT_NE(a.text.find("/proc/no/such/reg.db.locks"), std::string::npos) << a.text;
   term_ok(bad);
+}
+
+// The lock directory beside an SQLite registry is trusted only when it is a
+// directory (not a link) of the registry's owner that others cannot write;
+// its files are kept from others whatever the umask, so that no other user
+// can hold a lock and keep every writer out.
+TEST_F(LockTest, LockDirectoryAndFilesAreTheRegistryOwnersOnly) {
+  const std::string locks = dir_ + "/reg.db.locks", elsewhere = dir_ + "/elsewhere";
+  auto mode = [](const std::string &p) {
+    struct stat st {};
+    EXPECT_EQ(::lstat(p.c_str(), &st), 0) << p;
+    return unsigned(st.st_mode & 07777);
+  };
+  auto only_file = [](const std::string &d) {
+    std::vector<std::string> files;
+    for (const auto &e : fs::directory_iterator(d))
+      files.push_back(e.path());
+    EXPECT_EQ(files.size(), 1u) << d;
+    return files.empty() ? std::string() : files[0];
+  };
+  const bool root = ::geteuid() == 0;
+
+  // Made under umask 000 before the registry exists: this user's, 0770/0660.
+  mode_t old_umask = ::umask(0);
+  void *h = open();
+  EXPECT_EQ(try_lock(h, kName, true).code, LKS_OK);
+  unlock_ok(h, kName);
+  ::umask(old_umask);
+  EXPECT_EQ(mode(locks), 0770u);
+  const std::string lock_file = only_file(locks);
+  EXPECT_EQ(mode(lock_file), 0660u);
+  // A file made before files were kept from others loses their access.
+  ASSERT_EQ(::chmod(lock_file.c_str(), 0644), 0);
+  EXPECT_EQ(try_lock(h, kName, false).code, LKS_OK);
+  unlock_ok(h, kName);
+  EXPECT_EQ(mode(lock_file), 0640u);
+
+  struct Case {
+    const char *what;
+    std::function<void()> make;
+    const char *why;
+    bool needs_root;
+  } cases[] = {
+      {"a link", [&] { fs::create_directory(elsewhere); fs::create_directory_symlink(elsewhere, locks); },
+       "symbolic link", false},
+      {"writable by others", [&] { fs::create_directory(locks); ::chmod(locks.c_str(), 0777); },
+       "writable by others", false},
+      {"another user's", [&] { fs::create_directory(locks); ASSERT_EQ(::chown(locks.c_str(), 65534, 65534), 0); },
+       "owned by uid 65534", true},
+  };
+  for (const auto &c : cases) {
+    SCOPED_TRACE(c.what);
+    if (c.needs_root && !root)
+      continue; // another user is simulated by chown
+    fs::remove_all(locks);
+    c.make();
+    Attempt a = try_lock(h, kName, false);
+    EXPECT_EQ(a.code, LKS_ERR_SYSTEM);
+    EXPECT_NE(a.text.find(c.why), std::string::npos) << a.text;
+    EXPECT_TRUE(fs::is_empty(fs::is_symlink(locks) ? elsewhere : locks)) << "nothing made in it";
+  }
+  fs::remove(locks);
+
+  // Root locking for another user's registry hands the directory and the
+  // files to that user and the registry's group.
+  if (root) {
+    const std::string reg = dir_ + "/reg.db";
+    ASSERT_TRUE(std::ofstream(reg).good());
+    ASSERT_EQ(::chmod(reg.c_str(), 0600), 0);
+    ASSERT_EQ(::chown(reg.c_str(), 65534, 65534), 0);
+    EXPECT_EQ(try_lock(h, kName, false).code, LKS_OK);
+    unlock_ok(h, kName);
+    struct stat st {};
+    for (const std::string &p : {locks, only_file(locks)}) {
+      ASSERT_EQ(::stat(p.c_str(), &st), 0);
+      EXPECT_EQ(st.st_uid, 65534u) << p;
+      EXPECT_EQ(st.st_gid, 65534u) << p;
+    }
+    EXPECT_EQ(mode(locks), 0700u);
+    EXPECT_EQ(mode(only_file(locks)), 0600u);
+  }
+  term_ok(h);
 }

@@ -1,8 +1,10 @@
 // What the registry client does on ZooKeeper beyond the common contract:
 // component encoding, the packet limit, transactions over it, and an
-// ensemble that goes away and comes back.
+// ensemble that goes away and comes back, or a session that expires, under
+// a client that keeps a cache.
 #include "zk_env.h"
 #include "../registry/test_util.h"
+#include "registry_agent.h"
 
 #include "hvsadm.h"
 #include "lks.h"
@@ -194,8 +196,20 @@ TEST_F(ZooKeeperRegistry, TransactionSeesItsOwnCreationsAndDeletions) {
   EXPECT_EQ(std::vector<std::string>{"OTHER"}, subkeys("OLD"));
 }
 
-// An ensemble that goes away: calls fail, quickly and saying why, and work
-// again once it is back, on the same handles.
+// The value of name through h: "= VALUE", or "- CODE".
+std::string value_of(void *h, const char *name) {
+  void *key = nullptr;
+  int32_t rc = hvsapi_open_key(h, &key, name);
+  if (rc != HVS_OK)
+    return "- " + std::to_string(rc);
+  char buf[64];
+  uint32_t type = 0, len = sizeof buf;
+  rc = hvsapi_get_value(h, key, &type, buf, &len);
+  hvsapi_close_key(h, key);
+  return rc == HVS_OK ? "= " + std::string(buf, len && buf[len - 1] == '\0' ? len - 1 : len)
+                      : "- " + std::to_string(rc);
+}
+
 // With a credential, the registry and its locks belong to its identity: a
 // client without it can neither read nor write anything, through the
 // registry client or directly on the ensemble; a credential file that
@@ -258,6 +272,10 @@ TEST(ZooKeeperAccess, ProtectedRegistryIsClosedToClientsWithoutTheCredential) {
     unsetenv(e);
 }
 
+// An ensemble that goes away: calls fail, quickly and saying why, and work
+// again once it is back, on the same handles. A client's cache answers
+// nothing meanwhile, and what was written once the ensemble was back is
+// what it reads.
 TEST(ZooKeeperOutage, StoppedServerGivesClearFailuresAndRestartedOneWorksAgain) {
   ZK_REQUIRED();
   namespace fs = std::filesystem;
@@ -284,8 +302,13 @@ TEST(ZooKeeperOutage, StoppedServerGivesClearFailuresAndRestartedOneWorksAgain) 
   ASSERT_EQ(LKS_OK, hvstest::open_locks(&st, &locks)) << lks_status_text(&st);
   ASSERT_EQ(LKS_OK, lksmutexlock(&st, locks, "L"));
   ASSERT_EQ(LKS_OK, lksunlock(&st, locks, "L"));
+  void *cached = nullptr;
+  ASSERT_EQ(HVS_OK, hvsapi_init_ext(&cached, 3, nullptr, nullptr, 0));
+  ASSERT_EQ("= v", value_of(cached, "K"));
+  ASSERT_EQ("= v", value_of(cached, "K"));
 
   ASSERT_EQ(0, zk("stop"));
+  EXPECT_EQ("- " + std::to_string(HVS_ERR_UNREACHABLE), value_of(cached, "K"));
   for (int round = 0; round < 2; ++round) { // the second one on a dropped session
     auto t0 = std::chrono::steady_clock::now();
     void *key = nullptr;
@@ -316,6 +339,8 @@ TEST(ZooKeeperOutage, StoppedServerGivesClearFailuresAndRestartedOneWorksAgain) 
     std::this_thread::sleep_for(std::chrono::milliseconds(200));
   }
   EXPECT_EQ(HVS_OK, rc) << last_error(adm);
+  ASSERT_EQ(HVS_OK, hvsadm_put_value(adm, "K", 1, "w", 2)) << last_error(adm);
+  EXPECT_EQ("= w", value_of(cached, "K"));
   int32_t lrc = -1;
   while (ms_since(t0) < 20000 && (lrc = lksmutexlock(&st, locks, "L")) != LKS_OK)
     std::this_thread::sleep_for(std::chrono::milliseconds(200));
@@ -325,12 +350,43 @@ TEST(ZooKeeperOutage, StoppedServerGivesClearFailuresAndRestartedOneWorksAgain) 
   }
 
   lkssterm(&st, locks);
+  hvsapi_terminate(cached);
   hvsapi_terminate(adm);
   zk("stop");
   std::error_code ec;
   fs::remove_all(dir, ec);
   for (const char *e : {"HVS_REGISTRY", "HVS_ZK_TIMEOUT_MS", "HVS_ZK_SESSION_MS", "LKS_TIMEOUT_MS"})
     unsetenv(e);
+}
+
+// A client whose session expired while it could not tell (its process was
+// stopped) answers nothing from memory once it runs again: what another
+// client wrote meanwhile is what it reads.
+TEST(ZooKeeperOutage, ExpiredSessionLeavesNoStaleRead) {
+  ZK_REQUIRED();
+  setenv("HVS_REGISTRY", fresh_location("expiry").c_str(), 1);
+  setenv("HVS_ZK_SESSION_MS", "1000", 1);
+  void *adm = nullptr;
+  ASSERT_EQ(HVS_OK, hvsadm_open(&adm, 1, nullptr, nullptr));
+  ASSERT_EQ(HVS_OK, hvsadm_create_key(adm, "K", 1, "1", 2));
+  {
+    RegistryAgent agent({"serve"});
+    ASSERT_EQ("= 1", agent.ask("get K"));
+    ASSERT_EQ("= 1", agent.ask("get K"));
+    agent.signal(SIGSTOP);
+    ASSERT_EQ(HVS_OK, hvsadm_put_value(adm, "K", 1, "2", 2));
+    std::this_thread::sleep_for(std::chrono::seconds(3)); // the session expires
+    agent.signal(SIGCONT);
+    // The first read after may fail, as it would without a cache (the
+    // client learns of the expiry from it); none is stale.
+    std::string first = agent.ask("get K");
+    EXPECT_NE("= 1", first);
+    EXPECT_EQ("= 2", first == "= 2" ? first : agent.ask("get K"));
+  }
+  hvsadm_delete_key(adm, "", 1);
+  hvsapi_terminate(adm);
+  unsetenv("HVS_ZK_SESSION_MS");
+  unsetenv("HVS_REGISTRY");
 }
 
 } // namespace

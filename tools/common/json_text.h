@@ -72,8 +72,16 @@ inline nlohmann::json text_json(std::string_view s) {
   return nlohmann::json{{"hex", to_hex(s)}};
 }
 
-// Rewrites, in place, every string of doc (member names included) that is
-// not UTF-8 into the hex form, so that dump() cannot fail.
+// Whether a member name is written as "hex:" and the hex of its bytes: a
+// name that is not UTF-8, and one that reads like such a form already, so
+// that no two members come out under one name.
+inline bool hex_member_name(std::string_view name) {
+  return !valid_utf8(name) || name.starts_with("hex:");
+}
+
+// Rewrites, in place, every string of doc that is not UTF-8 into the hex
+// form, and member names as hex_member_name says, so that dump() cannot
+// fail and loses nothing.
 inline void make_dumpable(nlohmann::json &doc) {
   if (doc.is_string()) {
     const auto &s = doc.get_ref<const std::string &>();
@@ -91,12 +99,13 @@ inline void make_dumpable(nlohmann::json &doc) {
   bool odd_name = false;
   for (auto it = doc.begin(); it != doc.end(); ++it) {
     make_dumpable(it.value());
-    odd_name = odd_name || !valid_utf8(it.key());
+    odd_name = odd_name || hex_member_name(it.key());
   }
   if (odd_name) {
     nlohmann::json fixed = nlohmann::json::object();
     for (auto it = doc.begin(); it != doc.end(); ++it)
-      fixed[valid_utf8(it.key()) ? it.key() : "hex:" + to_hex(it.key())] = it.value();
+      fixed[hex_member_name(it.key()) ? "hex:" + to_hex(it.key()) : it.key()] =
+          std::move(it.value());
     doc = std::move(fixed);
   }
 }

@@ -72,7 +72,9 @@ int do_backup(const std::string &file) {
   };
   std::string text =
       render_file(tree, kBackupFormat, "\"backup\": " + tools::dump_safe(meta));
-  if (int rc = write_atomically(file, text))
+  hvs::Location loc = hvs::resolve_location();
+  if (int rc = write_atomically(file, text,
+                                loc.engine == hvs::Engine::Sqlite ? loc.path : ""))
     return rc;
   fmt::print("backed up {} keys of {} to {}\n", tree.size(), c.location(),
              file);
@@ -131,16 +133,13 @@ int do_restore(const std::string &file) {
   std::string meta_text;
   if (int rc = load_file(file, tree, &meta_text))
     return rc;
-  if (!meta_text.empty()) {
-    auto meta = nlohmann::json::parse(meta_text);
-    if (meta.contains("key_count") &&
-        meta["key_count"] != nlohmann::json(tree.size())) {
-      fmt::print(stderr,
-                 "hvsctl: restore: {} holds {} keys but its metadata says "
-                 "{}: the file is incomplete or was edited\n",
-                 file, tree.size(), meta["key_count"].dump());
-      return kInput;
-    }
+  if (std::string said = backup_count_mismatch(meta_text, tree.size());
+      !said.empty()) {
+    fmt::print(stderr,
+               "hvsctl: restore: {} holds {} keys but its metadata says "
+               "{}: the file is incomplete or was edited\n",
+               file, tree.size(), said);
+    return kInput;
   }
 
   Client c;
@@ -222,11 +221,14 @@ void register_backup(CLI::App &app, std::vector<Command> &out) {
                 "databases": ["hr", "sales"]},
      "keys": [{"key": ...}, ...]}
   The file is written beside FILE and renamed into place, so FILE is either
-  the old file or the complete new one. The backup reads one consistent
+  the old file or the complete new one. It gets the group and the mode of
+  an SQLite registry file with nothing for others (0600 for other
+  registries), whatever the umask. The backup reads one consistent
   snapshot and takes no lock.
 
 EXIT STATUS
-  0 written, 2 FILE cannot be written, 3 registry failure.)");
+  0 written, 3 registry failure, 10 FILE cannot be written
+  (docs/exit-codes.md).)");
   out.push_back({backup, [] { return do_backup(file); }});
 
   auto *restore = app.add_subcommand(
@@ -247,9 +249,10 @@ EXIT STATUS
   (default 10000).
 
 EXIT STATUS
-  0 restored, 2 FILE unreadable, malformed or incomplete, 3 registry
-  failure, 4 a lock was refused (nothing was changed).)");
-  out.push_back({restore, [] { return do_restore(file); }});
+  0 restored, 3 registry failure, 4 a lock was refused (nothing was
+  changed), 8 a newer hvsctl wrote the registry, 10 FILE unreadable,
+  malformed or incomplete (docs/exit-codes.md).)");
+  out.push_back({restore, [] { return creating([] { return do_restore(file); }); }});
 }
 
 Family family(&register_backup);

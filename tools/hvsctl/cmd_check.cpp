@@ -413,8 +413,8 @@ OUTPUT
   {"source": ..., "keys": N, "findings": [{"key": ..., "problem": ...}]}.
 
 EXIT STATUS
-  0 no findings, 2 FILE unreadable or malformed, 3 registry failure,
-  5 findings.)");
+  0 no findings, 3 registry failure, 5 findings, 10 FILE unreadable or
+  malformed (docs/exit-codes.md).)");
   out.push_back({check, [] { return do_check(file, json); }});
 }
 

@@ -34,18 +34,18 @@ int do_diff(std::string a, std::string b, bool live, bool json) {
   if (live) {
     if (!b.empty()) {
       fmt::print(stderr, "hvsctl: diff: --live takes the place of B\n");
-      return kUsage;
+      return kBadArgument;
     }
     b = "-";
   }
   if (b.empty()) {
     fmt::print(stderr, "hvsctl: diff: give B, or - or --live for the "
                        "registry\n");
-    return kUsage;
+    return kBadArgument;
   }
   if (a == "-" && b == "-") {
     fmt::print(stderr, "hvsctl: diff: at most one side is the registry\n");
-    return kUsage;
+    return kBadArgument;
   }
   Tree ta, tb;
   std::string la, lb;
@@ -129,8 +129,8 @@ OUTPUT
   for no value.
 
 EXIT STATUS
-  0 no differences, 1 usage, 2 a file unreadable or malformed,
-  3 registry failure, 5 differences.
+  0 no differences, 2 usage, 3 registry failure, 5 differences,
+  10 a file unreadable or malformed (docs/exit-codes.md).
 
 EXAMPLES
   hvsctl diff before.json after.json

@@ -133,7 +133,7 @@ int write_failed(const Client &c, int32_t rc, const std::string &key,
 
 int do_get(const std::string &key, bool hex) {
   if (!key_ok(key))
-    return kUsage;
+    return kBadArgument;
   Client c;
   if (!c.open())
     return kRegistry;
@@ -150,16 +150,16 @@ int do_get(const std::string &key, bool hex) {
 
 int do_set(const std::string &key, const ValueArgs &v) {
   if (!key_ok(key))
-    return kUsage;
+    return kBadArgument;
   if (!v.given()) {
     fmt::print(stderr, "hvsctl: set: give VALUE, --multi, --hex or "
                        "--no-value\n");
-    return kUsage;
+    return kBadArgument;
   }
   std::string bytes;
   bool has_value = true;
   if (!v.bytes(bytes, has_value))
-    return kUsage;
+    return kBadArgument;
   Client c;
   if (int rc = c.open_for_write())
     return rc;
@@ -173,11 +173,11 @@ int do_set(const std::string &key, const ValueArgs &v) {
 
 int do_create(const std::string &key, const ValueArgs &v) {
   if (!key_ok(key))
-    return kUsage;
+    return kBadArgument;
   std::string bytes;
   bool has_value = true;
   if (!v.bytes(bytes, has_value))
-    return kUsage;
+    return kBadArgument;
   if (!v.given())
     has_value = false;
   Client c;
@@ -193,7 +193,7 @@ int do_create(const std::string &key, const ValueArgs &v) {
 
 int do_delete(const std::string &key, bool recursive) {
   if (!key_ok(key))
-    return kUsage;
+    return kBadArgument;
   Client c;
   if (int rc = c.open_for_write())
     return rc;
@@ -206,7 +206,7 @@ int do_delete(const std::string &key, bool recursive) {
 
 int do_ls(const std::string &key) {
   if (!key_ok(key, true))
-    return kUsage;
+    return kBadArgument;
   Client c;
   if (!c.open())
     return kRegistry;
@@ -252,7 +252,7 @@ void register_edit(CLI::App &app, std::vector<Command> &out) {
   exact bytes are printed as hex digits (an empty line for no value).
 
 EXIT STATUS
-  0 printed, 1 bad key name, 3 registry failure, 7 no such key.
+  0 printed, 2 bad key name, 3 registry failure, 7 no such key.
 
 EXAMPLE
   hvsctl get DATABASE.DATABASES.sales.ROLE)");
@@ -268,7 +268,8 @@ EXAMPLE
   --hex the exact bytes, --no-value removes the value.
 
 EXIT STATUS
-  0 set, 1 usage, 3 registry failure, 7 no such key.
+  0 set, 2 usage, 3 registry failure, 7 no such key, 8 a newer hvsctl
+  wrote the registry.
 
 EXAMPLES
   hvsctl set DATABASE.DATABASES.sales.ENABLED false
@@ -284,8 +285,8 @@ EXAMPLES
   --multi or --hex the key has no value (a container such as INSTANCE).
 
 EXIT STATUS
-  0 created, 1 usage, 2 the key exists already, 3 registry failure,
-  7 the parent does not exist.
+  0 created, 2 usage, 3 registry failure, 7 the parent does not exist,
+  8 a newer hvsctl wrote the registry, 10 the key exists already.
 
 EXAMPLE
   hvsctl create DATABASE.DATABASES.sales.INSTANCE.sales4 Sales4)");
@@ -299,8 +300,8 @@ EXAMPLE
   with everything under it, in one transaction.
 
 EXIT STATUS
-  0 deleted, 1 usage, 2 the key has subkeys, 3 registry failure,
-  7 no such key.)");
+  0 deleted, 2 usage, 3 registry failure, 7 no such key, 8 a newer
+  hvsctl wrote the registry, 10 the key has subkeys.)");
   out.push_back({del, [] { return do_delete(key, recursive); }});
 
   auto *ls = app.add_subcommand("ls", "list the subkeys of a key");
@@ -310,7 +311,7 @@ EXIT STATUS
   registry enumerates them (byte order). Without KEY, the top-level keys.
 
 EXIT STATUS
-  0 listed (nothing for a key without subkeys), 1 bad key name,
+  0 listed (nothing for a key without subkeys), 2 bad key name,
   3 registry failure, 7 no such key.
 
 EXAMPLE

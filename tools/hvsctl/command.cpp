@@ -6,11 +6,14 @@
 #include <cstring>
 #include <fstream>
 #include <sstream>
+#include <fcntl.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <fmt/format.h>
 #include <nlohmann/json.hpp>
 
+#include "hvs/backend.h"
 #include "hvsadm.h"
 #include "registry_file.h"
 
@@ -52,14 +55,31 @@ Client::~Client() {
 bool Client::open(bool create) {
   char msg[1024] = "";
   uint64_t len = sizeof msg;
-  int32_t rc = hvsadm_open(&h_, create ? 1 : 0, msg, &len);
-  if (rc != HVS_OK) {
+  open_rc_ = hvsadm_open(&h_, create ? 1 : 0, msg, &len);
+  if (open_rc_ != HVS_OK) {
     h_ = nullptr;
-    fmt::print(stderr, "hvsctl: cannot open the registry: {} (code {})\n", msg,
-               rc);
+    fmt::print(stderr, "hvsctl: cannot open the registry: {} (code {}){}\n", msg,
+               open_rc_,
+               open_rc_ == HVS_ERR_EXISTS ? "; hvsctl import --force takes it over" : "");
     return false;
   }
   return true;
+}
+
+int creating(const std::function<int()> &command) {
+  char made[4096] = "";
+  char msg[1024] = "";
+  if (hvsadm_missing_part(made, sizeof made, msg, sizeof msg) != HVS_OK) {
+    fmt::print(stderr, "hvsctl: cannot look at the registry location: {}\n", msg);
+    return kRegistry;
+  }
+  int rc = command();
+  if (rc != kOk && made[0] != '\0')
+    if (hvsadm_remove_created(made, msg, sizeof msg) != HVS_OK)
+      fmt::print(stderr, "hvsctl: the registry made at {} could not be removed "
+                         "again: {}\n",
+                 hvs::resolve_location().text, msg);
+  return rc;
 }
 
 namespace {
@@ -70,7 +90,7 @@ constexpr const char *kWriterProperty = "written_by";
 
 int Client::open_for_write(bool create) {
   if (!open(create))
-    return kRegistry;
+    return open_rc_ == HVS_ERR_EXISTS ? kInput : kRegistry;
   char recorded[256] = "";
   uint32_t len = sizeof recorded;
   int32_t rc = hvsadm_get_property(h_, kWriterProperty, recorded, &len);
@@ -175,25 +195,51 @@ int load_file(const std::string &path, Tree &out, std::string *meta) {
   return kOk;
 }
 
-int write_atomically(const std::string &path, const std::string &text) {
-  std::string tmp = fmt::format("{}.tmp.{}", path, ::getpid());
-  {
-    std::ofstream out(tmp, std::ios::binary | std::ios::trunc);
-    out.write(text.data(), std::streamsize(text.size()));
-    out.flush();
-    if (!out) {
-      fmt::print(stderr, "hvsctl: cannot write {}: {}\n", tmp,
-                 std::strerror(errno));
-      std::remove(tmp.c_str());
-      return kInput;
-    }
+int write_atomically(const std::string &path, const std::string &text,
+                     const std::string &like) {
+  // Whose the file is and its mode: those of like, with nothing for others.
+  mode_t mode = 0600;
+  uid_t uid = uid_t(-1);
+  gid_t gid = gid_t(-1);
+  struct stat st {};
+  if (!like.empty() && ::stat(like.c_str(), &st) == 0) {
+    mode = (st.st_mode & 0660) | 0600;
+    uid = ::geteuid() == 0 ? st.st_uid : uid_t(-1);
+    gid = st.st_gid;
   }
-  if (std::rename(tmp.c_str(), path.c_str()) != 0) {
-    fmt::print(stderr, "hvsctl: cannot write {}: {}\n", path,
-               std::strerror(errno));
-    std::remove(tmp.c_str());
+  // A private file of this process's beside the target, never through a
+  // link, given its final owner and mode before it is renamed into place.
+  std::string tmp = fmt::format("{}.tmp.{}", path, ::getpid());
+  int fd = ::open(tmp.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0600);
+  if (fd < 0) {
+    fmt::print(stderr, "hvsctl: cannot write {}: {}\n", tmp, std::strerror(errno));
     return kInput;
   }
+  auto fail = [&](const std::string &what) {
+    fmt::print(stderr, "hvsctl: cannot write {}: {}\n", what, std::strerror(errno));
+    if (fd >= 0)
+      ::close(fd);
+    ::unlink(tmp.c_str());
+    return kInput;
+  };
+  for (size_t done = 0; done < text.size();) {
+    ssize_t n = ::write(fd, text.data() + done, text.size() - done);
+    if (n < 0 && errno == EINTR)
+      continue;
+    if (n <= 0)
+      return fail(tmp);
+    done += size_t(n);
+  }
+  if (gid != gid_t(-1))
+    (void)!::fchown(fd, uid, gid); // the group only where this user may give it
+  if (::fchmod(fd, mode) != 0 || ::fsync(fd) != 0)
+    return fail(tmp);
+  int closed = ::close(fd);
+  fd = -1;
+  if (closed != 0)
+    return fail(tmp);
+  if (std::rename(tmp.c_str(), path.c_str()) != 0)
+    return fail(path);
   return kOk;
 }
 

@@ -4,26 +4,20 @@
 #ifndef HVSCTL_COMMAND_H
 #define HVSCTL_COMMAND_H
 
+#include <cstdint>
 #include <functional>
 #include <string>
 #include <vector>
 
 #include <CLI/CLI.hpp>
 
+#include "../common/exit_codes.h"
+
 namespace hvsctl {
 
-// Exit codes of every command (docs/hvsctl.md).
-enum Exit : int {
-  kOk = 0,
-  kUsage = 1,      // bad command line
-  kInput = 2,      // a file problem, or a request in conflict with the registry
-  kRegistry = 3,   // the registry cannot be opened or failed
-  kLock = 4,       // a configuration lock was refused
-  kFindings = 5,   // check found problems, diff found differences
-  kResources = 6,  // the resource manager failed
-  kNotFound = 7,   // the key does not exist
-  kNewer = 8,      // the registry was written by a newer version: not written
-};
+// Exit codes: the table both tools share (docs/exit-codes.md).
+using tools::Exit;
+using enum tools::Exit;
 
 // A command family adds its subcommands to the application and returns, for
 // each, what to run when that subcommand was chosen. The runner is called
@@ -58,7 +52,8 @@ public:
   // False after printing why the registry cannot be opened.
   bool open(bool create = false);
   // Opens for a change: refuses (kNewer) a registry that a newer version of
-  // this tool wrote, which this one cannot know how to keep consistent.
+  // this tool wrote, which this one cannot know how to keep consistent, and
+  // (kInput) with create a location that holds something else.
   // Returns kOk or the exit code, after printing why.
   int open_for_write(bool create = false);
   // Records this tool's version as the registry's writer; inside a
@@ -72,7 +67,14 @@ public:
 
 private:
   void *h_ = nullptr;
+  int32_t open_rc_ = 0;
 };
+
+// Runs a command that may create the registry: when it fails where no
+// registry was before, what it made there (the SQLite file and the
+// directories made for it, or the ZooKeeper root) is removed again, so a
+// failed import leaves nothing behind. Returns the command's exit code.
+int creating(const std::function<int()> &command);
 
 // One key with its value, as a walk or a file gives it.
 struct Entry {
@@ -94,8 +96,12 @@ int load_file(const std::string &path, Tree &out, std::string *meta = nullptr);
 bool read_text(const std::string &path, std::string &text);
 
 // Writes text to path through a temporary file and a rename, so a reader
-// never sees half a file. Returns an exit code after printing the problem.
-int write_atomically(const std::string &path, const std::string &text);
+// never sees half a file. The file gets the owner's group of like (a
+// registry file; "" for this user's) and its mode less anything for others,
+// 0600 without like, whatever the umask. Returns an exit code after
+// printing the problem.
+int write_atomically(const std::string &path, const std::string &text,
+                     const std::string &like = "");
 
 // The export format of a tree (what `hvsctl export` writes), with extra
 // top-level members placed before "keys".

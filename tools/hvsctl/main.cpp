@@ -22,6 +22,7 @@
 #include "hvsadm.h"
 #include "mp.h"
 #include "command.h"
+#include "hvs_location.h"
 #include "registry_file.h"
 #include "rsmgr.h"
 #include "trc.h"
@@ -31,10 +32,13 @@
 namespace {
 
 using hvsctl::Client;
-constexpr int kExitUsage = hvsctl::kUsage;
+constexpr int kExitUsage = hvsctl::kBadArgument;
 constexpr int kExitInput = hvsctl::kInput;
 constexpr int kExitRegistry = hvsctl::kRegistry;
 constexpr int kExitResources = hvsctl::kResources;
+
+int import_keys(const std::string &file, const std::vector<hvsctl::FileKey> &keys,
+                bool replace);
 
 int do_import(const std::string &file, bool replace) {
   std::string text;
@@ -62,6 +66,11 @@ int do_import(const std::string &file, bool replace) {
     }
   }
 
+  return hvsctl::creating([&] { return import_keys(file, keys, replace); });
+}
+
+int import_keys(const std::string &file, const std::vector<hvsctl::FileKey> &keys,
+                bool replace) {
   Client reg;
   if (int rc = reg.open_for_write(true))
     return rc;
@@ -104,44 +113,14 @@ int do_import(const std::string &file, bool replace) {
   return 0;
 }
 
-struct Collected {
-  std::vector<std::string> names;
-  std::vector<int> has_value;
-  std::vector<std::string> values;
-};
-
-int walk_all(Client &reg, const std::string &root, Collected &out) {
-  auto cb = [](void *arg, const char *name, const void *value, uint32_t len,
-               int has_value) -> int {
-    auto *c = static_cast<Collected *>(arg);
-    c->names.emplace_back(name);
-    c->has_value.push_back(has_value);
-    c->values.emplace_back(has_value ? static_cast<const char *>(value) : "",
-                           has_value ? len : 0);
-    return 0;
-  };
-  if (hvsadm_walk(reg.get(), root.c_str(), cb, &out) != HVS_OK)
-    return reg.fail(root.empty() ? std::string("cannot read the registry")
-                                 : fmt::format("cannot read key \"{}\"", root));
-  return 0;
-}
-
 int do_export(const std::string &root, const std::string &out_file) {
   Client reg;
   if (!reg.open(false))
     return kExitRegistry;
-  Collected c;
-  if (int rc = walk_all(reg, root, c))
+  hvsctl::Tree tree;
+  if (int rc = hvsctl::load_live(reg, root, tree))
     return rc;
-  std::string text = fmt::format(
-      "{{\"format\": \"{}\", \"version\": {}, \"keys\": [\n",
-      hvsctl::kFormatName, hvsctl::kFormatVersion);
-  for (size_t i = 0; i < c.names.size(); ++i) {
-    text += "  ";
-    text += hvsctl::key_line(c.names[i], c.has_value[i] != 0, c.values[i]);
-    text += i + 1 < c.names.size() ? ",\n" : "\n";
-  }
-  text += "]}\n";
+  std::string text = hvsctl::render_file(tree, hvsctl::kFormatName);
   if (out_file.empty() || out_file == "-") {
     std::fwrite(text.data(), 1, text.size(), stdout);
     return std::fflush(stdout) == 0 ? 0 : kExitInput;
@@ -159,9 +138,9 @@ int do_export(const std::string &root, const std::string &out_file) {
 
 // Every key under root by its name relative to root, the root itself by
 // its full name.
-int dump_relative(const std::string &root, const Collected &c) {
-  for (size_t i = 0; i < c.names.size(); ++i) {
-    const std::string &name = c.names[i];
+int dump_relative(const std::string &root, const hvsctl::Tree &tree) {
+  for (size_t i = 0; i < tree.size(); ++i) {
+    const std::string &name = tree[i].name;
     std::string rel(name.size() + 1, '\0');
     std::string shown = name;
     if (i != 0) {
@@ -172,8 +151,8 @@ int dump_relative(const std::string &root, const Collected &c) {
       }
       shown = rel.c_str();
     }
-    if (c.has_value[i])
-      shown += " = " + hvsctl::display_value(c.values[i]);
+    if (tree[i].has_value)
+      shown += " = " + hvsctl::display_value(tree[i].bytes);
     fmt::print("{}\n", shown);
   }
   return 0;
@@ -183,23 +162,23 @@ int do_dump(const std::string &root, bool relative) {
   Client reg;
   if (!reg.open(false))
     return kExitRegistry;
-  Collected c;
-  if (int rc = walk_all(reg, root, c))
+  hvsctl::Tree tree;
+  if (int rc = hvsctl::load_live(reg, root, tree))
     return rc;
   if (relative)
-    return dump_relative(root, c);
+    return dump_relative(root, tree);
   auto depth = [](std::string_view name) {
     return size_t(std::count(name.begin(), name.end(), '.'));
   };
   size_t base = root.empty() ? 0 : depth(root);
-  for (size_t i = 0; i < c.names.size(); ++i) {
-    const std::string &name = c.names[i];
+  for (size_t i = 0; i < tree.size(); ++i) {
+    const std::string &name = tree[i].name;
     std::string shown =
         (!root.empty() && i == 0) ? name : std::string(hvs::last_component(name));
     std::string line(2 * (depth(name) - base), ' ');
     line += shown;
-    if (c.has_value[i])
-      line += " = " + hvsctl::display_value(c.values[i]);
+    if (tree[i].has_value)
+      line += " = " + hvsctl::display_value(tree[i].bytes);
     fmt::print("{}\n", line);
   }
   return 0;
@@ -273,10 +252,17 @@ int do_resources() {
 int main(int argc, char **argv) {
   CLI::App app{"hvsctl - administer the cluster registry"};
   app.require_subcommand(1);
+  // Global options count wherever they stand, before or after a command;
+  // the commands made below inherit this.
+  app.fallthrough();
   std::string registry;
   app.add_option("--registry", registry,
                  "registry location (sqlite:PATH, mem:NAME, zk://...); "
                  "overrides HVS_REGISTRY");
+  app.set_version_flag("--version", [&registry] {
+    return "hvsctl " HVSCTL_VERSION "\nregistry: " +
+           (registry.empty() ? hvs::resolve_location() : hvs::parse_location(registry)).text;
+  });
 
   bool replace = false;
   std::string import_file;
@@ -284,6 +270,10 @@ int main(int argc, char **argv) {
   imp->add_option("FILE", import_file, "registry file (JSON)")->required();
   imp->add_flag("--replace", replace,
                 "empty the registry first, in the same transaction");
+  bool force = false;
+  imp->add_flag("--force", force,
+                "make the registry in an SQLite file or ZooKeeper root that "
+                "holds something else (its other data stays)");
 
   std::string export_key, export_out;
   auto *exp = app.add_subcommand("export", "write keys as a registry file");
@@ -322,8 +312,10 @@ int main(int argc, char **argv) {
 
   if (int rc = hvsctl::run_chosen(); rc >= 0)
     return rc;
-  if (*imp)
+  if (*imp) {
+    hvsadm_allow_foreign(force);
     return do_import(import_file, replace);
+  }
   if (*exp)
     return do_export(export_key, export_out);
   if (*dep)

@@ -115,8 +115,8 @@ private:
 // one counts, so the file is refused.
 struct DuplicateMember {
   std::string name;
-  int depth;    // 1: the document's own members
-  size_t entry; // deeper: the index of the entry of "keys" it stands in
+  bool in_keys; // inside an entry of "keys"; else told at the name itself
+  size_t entry; // then the index of that entry
 };
 
 // A second, linear pass over a file that parsed, looking only at member
@@ -135,13 +135,16 @@ public:
   bool binary(binary_t &) override { return true; }
   bool start_object(std::size_t) override {
     names_.emplace_back();
-    if (depth_++ == 2) // an entry of "keys"
+    if (depth_++ == 2 && in_keys_) // an entry of "keys"
       ++entries_;
     return true;
   }
   bool key(string_t &name) override {
     if (!names_.back().insert(name).second)
-      throw DuplicateMember{name, depth_, entries_ ? entries_ - 1 : 0};
+      throw DuplicateMember{name, in_keys_ && depth_ > 2,
+                            entries_ ? entries_ - 1 : 0};
+    if (depth_ == 1)
+      in_keys_ = name == "keys";
     return true;
   }
   bool end_object() override {
@@ -164,6 +167,7 @@ public:
 private:
   std::vector<std::set<std::string>> names_;
   int depth_ = 0;
+  bool in_keys_ = false; // the document's member of the moment is "keys"
   size_t entries_ = 0;
 };
 
@@ -179,6 +183,36 @@ size_t member_line(std::string_view text, std::string_view member, int nth = 0) 
     if (p != std::string_view::npos && text[p] == ':' && nth-- == 0)
       return line_of(text, at);
   }
+}
+
+// A registry file nests four levels deep, a backup's metadata a few more.
+// Past this depth a file is refused before it is read: what handles the
+// document later (dump() of the metadata, among others) recurses once per
+// level, and a thousand levels can exhaust the stack.
+constexpr int kMaxDepth = 64;
+
+// The offset of the bracket that opens level kMaxDepth + 1, or npos. Only
+// brackets outside strings count; the text need not be valid JSON.
+size_t too_deep(std::string_view text) {
+  int depth = 0;
+  bool in_string = false;
+  for (size_t i = 0; i < text.size(); ++i) {
+    char c = text[i];
+    if (in_string) {
+      if (c == '\\')
+        ++i;
+      else if (c == '"')
+        in_string = false;
+    } else if (c == '"') {
+      in_string = true;
+    } else if (c == '[' || c == '{') {
+      if (++depth > kMaxDepth)
+        return i;
+    } else if (c == ']' || c == '}') {
+      --depth;
+    }
+  }
+  return std::string_view::npos;
 }
 
 // The text of a parse error without nlohmann's prefix and position.
@@ -283,6 +317,16 @@ std::string display_value(std::string_view bytes) {
   return value_json(bytes);
 }
 
+std::string backup_count_mismatch(const std::string &backup, size_t keys) {
+  if (backup.empty())
+    return {};
+  json meta = json::parse(backup, nullptr, false);
+  if (!meta.is_object() || !meta.contains("key_count") ||
+      meta["key_count"] == json(keys))
+    return {};
+  return meta["key_count"].dump();
+}
+
 bool parse_registry_file(const std::string &file, const std::string &text,
                          std::vector<FileKey> &keys, std::string &error,
                          std::string *backup) {
@@ -290,6 +334,11 @@ bool parse_registry_file(const std::string &file, const std::string &text,
     error = fmt::format("{}:{}: {}", file, line, problem);
     return false;
   };
+  if (backup != nullptr)
+    backup->clear();
+  if (size_t at = too_deep(text); at != std::string::npos)
+    return fail(line_of(text, at),
+                fmt::format("nested more than {} levels deep", kMaxDepth));
 
   json doc;
   try {
@@ -297,7 +346,7 @@ bool parse_registry_file(const std::string &file, const std::string &text,
     DuplicateFinder finder;
     json::sax_parse(text, &finder);
   } catch (const DuplicateMember &d) {
-    if (d.depth <= 1)
+    if (!d.in_keys)
       return fail(member_line(text, d.name, 1),
                   fmt::format("member \"{}\" is given twice", d.name));
     size_t keys_at = text.find("\"keys\"");

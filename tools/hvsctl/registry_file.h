@@ -31,6 +31,11 @@ bool parse_registry_file(const std::string &file, const std::string &text,
                          std::vector<FileKey> &keys, std::string &error,
                          std::string *backup = nullptr);
 
+// For a restore: the "key_count" of a backup's metadata (the text
+// parse_registry_file left in *backup) when it is not the number of keys
+// the file holds, "" when it is or when there is none.
+std::string backup_count_mismatch(const std::string &backup, std::size_t keys);
+
 // How a value is written so that it reads back to the same bytes.
 enum class Form { Text, Multi, Hex };
 Form form_of(std::string_view bytes);

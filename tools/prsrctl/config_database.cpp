@@ -269,7 +269,8 @@ void register_config_database(CLI::App &app, Globals &g, int &exit_code) {
   auto *dbcmd = cfg->add_subcommand(
       "database", "List the databases, or show one database's whole configuration");
   auto db = std::make_shared<std::string>();
-  auto *db_opt = dbcmd->add_option("-d,--db", *db, "Database name (any case); without it, list all");
+  auto *db_opt = dbcmd->add_option("-d,--db", *db, "Database name (any case); without it, list all")
+                    ->check(kNonEmpty);
   dbcmd->callback([&g, &exit_code, db, db_opt] {
     exit_code = db_opt->count() == 0 ? list_databases(g) : show_database(g, *db);
   });
@@ -278,8 +279,8 @@ void register_config_database(CLI::App &app, Globals &g, int &exit_code) {
       "service", "Show a service's instances with their nodes and roles (preferred/available)");
   auto sdb = std::make_shared<std::string>();
   auto srv = std::make_shared<std::string>();
-  srvcmd->add_option("-d,--db", *sdb, "Database name (any case)")->required();
-  srvcmd->add_option("-s,--service", *srv, "Service name (any case, dots allowed)")->required();
+  srvcmd->add_option("-d,--db", *sdb, "Database name (any case)")->required()->check(kNonEmpty);
+  srvcmd->add_option("-s,--service", *srv, "Service name (any case, dots allowed)")->required()->check(kNonEmpty);
   srvcmd->callback(
       [&g, &exit_code, sdb, srv] { exit_code = show_service(g, *sdb, *srv); });
 }

@@ -133,14 +133,14 @@ void register_config_node(CLI::App &app, Globals &g, int &exit_code) {
   auto *vlm = config->add_subcommand("vlm", "Show a storage manager entry (shared lock)");
   auto parent = std::make_shared<std::string>();
   auto name = std::make_shared<std::string>();
-  vlm->add_option("-p,--parent", *parent, "First name of the entry (any case)")->required();
-  vlm->add_option("-n,--name", *name, "Second name of the entry (any case)")->required();
+  vlm->add_option("-p,--parent", *parent, "First name of the entry (any case)")->required()->check(kNonEmpty);
+  vlm->add_option("-n,--name", *name, "Second name of the entry (any case)")->required()->check(kNonEmpty);
   vlm->callback([&g, &exit_code, parent, name] { exit_code = show_vlm(g, *parent, *name); });
 
   auto *nodeapps =
       config->add_subcommand("nodeapps", "Show a node's applications and its VIP class (shared lock)");
   auto node = std::make_shared<std::string>();
-  nodeapps->add_option("-n,--node", *node, "Node name (any case)")->required();
+  nodeapps->add_option("-n,--node", *node, "Node name (any case)")->required()->check(kNonEmpty);
   nodeapps->callback([&g, &exit_code, node] { exit_code = show_nodeapps(g, *node); });
 }
 

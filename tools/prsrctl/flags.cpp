@@ -28,6 +28,7 @@ int set_db_enabled(const Globals &g, const std::string &db, bool enable) {
     return s.error();
   WriteResult written = watch_write(
       [&] { return prsr_set_db_enabled(s.status(), s.ctx(), db.c_str(), enable ? 1 : 0); });
+  written.rc = refine(written.rc, [&] { return probe_database(s, db); });
   if (int code = report_write(written, "database " + db, s.status()); code != kOk)
     return code;
   if (g.json)
@@ -44,7 +45,7 @@ void register_flags(CLI::App &app, Globals &g, int &exit_code) {
   auto db = std::make_shared<std::string>();
   auto srv = std::make_shared<std::string>();
   auto inst = std::make_shared<std::string>();
-  get_enabled->add_option("-d,--db", *db, "Database name (any case)")->required();
+  get_enabled->add_option("-d,--db", *db, "Database name (any case)")->required()->check(kNonEmpty);
   get_enabled->add_option("-s,--service", *srv, "Service name (any case, dots allowed)");
   get_enabled->add_option("-i,--instance", *inst, "Instance name (any case)");
   get_enabled->callback([&g, &exit_code, db, srv, inst] {
@@ -57,7 +58,7 @@ void register_flags(CLI::App &app, Globals &g, int &exit_code) {
     auto *dbcmd = group(app, verb)->add_subcommand("database", std::string(enable ? "Enable" : "Disable") +
                                                       " a database (exclusive lock)");
     auto name = std::make_shared<std::string>();
-    dbcmd->add_option("-d,--db", *name, "Database name (any case)")->required();
+    dbcmd->add_option("-d,--db", *name, "Database name (any case)")->required()->check(kNonEmpty);
     dbcmd->callback([&g, &exit_code, name, enable] { exit_code = set_db_enabled(g, *name, enable); });
   }
 }

@@ -10,12 +10,21 @@ int main(int argc, char **argv) {
   using namespace prsrctl;
   CLI::App app{"prsrctl - show and change cluster database configuration"};
   app.require_subcommand(1);
+  // Global options count wherever they stand, before or after a command;
+  // the commands made below inherit this.
+  app.fallthrough();
   Globals g;
   int exit_code = kOk;
   app.add_flag("--json", g.json, "Print one JSON document instead of a report");
   app.add_flag("-v,--verbose", g.verbose, "Show the library's trace lines on stderr (-vv: all)");
   app.add_option("--registry", g.registry,
                  "Registry location (overrides HVS_REGISTRY), e.g. sqlite:/path/registry.db");
+  app.set_version_flag("--version", [&g] {
+    if (!g.registry.empty())
+      setenv("HVS_REGISTRY", g.registry.c_str(), 1);
+    return "prsrctl " PRSR_TOOLS_VERSION " (libprsr " PRSR_TOOLS_VERSION ")\nregistry: " +
+           registry_location();
+  });
   app.parse_complete_callback([&g] {
     if (!g.registry.empty())
       setenv("HVS_REGISTRY", g.registry.c_str(), 1);

@@ -20,6 +20,19 @@ namespace {
  * is reported as not fitting. */
 constexpr uint32_t kNameBuffer = 4096;
 
+} // namespace
+
+int32_t refine(int32_t rc, const std::function<int32_t()> &probe) {
+  return rc == PRSR_ERR_REGISTRY && probe() == PRSR_ERR_NO_KEY ? PRSR_ERR_NO_KEY : rc;
+}
+
+int32_t probe_database(Session &s, const std::string &db) {
+  std::string buf(kNameBuffer, '\0');
+  return prsr_get_spname(s.status(), s.ctx(), db.c_str(), kNameBuffer, buf.data());
+}
+
+namespace {
+
 const char *const kRoleWords[] = {"PRIMARY", "PHYSICAL_STANDBY", "LOGICAL_STANDBY",
                                   "SNAPSHOT_STANDBY"};
 
@@ -49,19 +62,6 @@ std::string policy_word(uint32_t policy) {
   default:
     return "none";
   }
-}
-
-/* Writes, and the reads of a role or domain, answer a missing key with a
- * registry failure. When a read of the object itself says it is not there,
- * the user is told "not found" instead. */
-int32_t refine(int32_t rc, const std::function<int32_t()> &probe) {
-  return rc == PRSR_ERR_REGISTRY && probe() == PRSR_ERR_NO_KEY ? PRSR_ERR_NO_KEY : rc;
-}
-
-/* Whether the database exists, as the read of its name tells. */
-int32_t probe_database(Session &s, const std::string &db) {
-  std::string buf(kNameBuffer, '\0');
-  return prsr_get_spname(s.status(), s.ctx(), db.c_str(), kNameBuffer, buf.data());
 }
 
 /* "service S of database D", "instance I of database D", ... */
@@ -279,7 +279,7 @@ struct Names {
 };
 
 CLI::Option *db_option(CLI::App *cmd, Names &n) {
-  return cmd->add_option("-d,--db", n.db, "Database name (any case)")->required();
+  return cmd->add_option("-d,--db", n.db, "Database name (any case)")->required()->check(kNonEmpty);
 }
 
 void register_points(CLI::App &app, Globals &g, int &exit_code) {
@@ -291,7 +291,7 @@ void register_points(CLI::App &app, Globals &g, int &exit_code) {
     auto n = std::make_shared<Names>();
     auto *cmd = grp->add_subcommand("instance", Verb + " an instance (exclusive lock)");
     db_option(cmd, *n);
-    cmd->add_option("-i,--instance", n->inst, "Instance name (any case)")->required();
+    cmd->add_option("-i,--instance", n->inst, "Instance name (any case)")->required()->check(kNonEmpty);
     cmd->callback([&g, &exit_code, n, enable] {
       exit_code = set_point_enabled(g, n->db, "", n->inst, enable);
     });
@@ -300,7 +300,7 @@ void register_points(CLI::App &app, Globals &g, int &exit_code) {
     cmd = grp->add_subcommand("service",
                               Verb + " a service and all its instances (exclusive lock)");
     db_option(cmd, *n);
-    cmd->add_option("-s,--service", n->srv, "Service name (any case, dots allowed)")->required();
+    cmd->add_option("-s,--service", n->srv, "Service name (any case, dots allowed)")->required()->check(kNonEmpty);
     cmd->callback([&g, &exit_code, n, enable] {
       exit_code = set_point_enabled(g, n->db, n->srv, "", enable);
     });
@@ -309,8 +309,8 @@ void register_points(CLI::App &app, Globals &g, int &exit_code) {
     cmd = grp->add_subcommand("service-instance",
                               Verb + " one instance of a service (shared lock)");
     db_option(cmd, *n);
-    cmd->add_option("-s,--service", n->srv, "Service name (any case, dots allowed)")->required();
-    cmd->add_option("-i,--instance", n->inst, "Instance name (any case)")->required();
+    cmd->add_option("-s,--service", n->srv, "Service name (any case, dots allowed)")->required()->check(kNonEmpty);
+    cmd->add_option("-i,--instance", n->inst, "Instance name (any case)")->required()->check(kNonEmpty);
     cmd->callback([&g, &exit_code, n, enable] {
       exit_code = set_point_enabled(g, n->db, n->srv, n->inst, enable);
     });
@@ -322,14 +322,14 @@ void register_points(CLI::App &app, Globals &g, int &exit_code) {
                                   "Show whether a service may run on an instance "
                                   "(preferred or available, and enabled)");
   db_option(cmd, *n);
-  cmd->add_option("-s,--service", n->srv, "Service name (any case, dots allowed)")->required();
-  cmd->add_option("-i,--instance", n->inst, "Instance name (any case)")->required();
+  cmd->add_option("-s,--service", n->srv, "Service name (any case, dots allowed)")->required()->check(kNonEmpty);
+  cmd->add_option("-i,--instance", n->inst, "Instance name (any case)")->required()->check(kNonEmpty);
   cmd->callback([&g, &exit_code, n] { exit_code = show_supported(g, n->db, n->srv, n->inst); });
 
   n = std::make_shared<Names>();
   cmd = get->add_subcommand("policy", "Show a service's failover policy: none, basic, preconnect");
   db_option(cmd, *n);
-  cmd->add_option("-s,--service", n->srv, "Service name (any case, dots allowed)")->required();
+  cmd->add_option("-s,--service", n->srv, "Service name (any case, dots allowed)")->required()->check(kNonEmpty);
   cmd->callback([&g, &exit_code, n] { exit_code = show_policy(g, n->db, n->srv); });
 
   n = std::make_shared<Names>();

@@ -3,6 +3,7 @@
 #ifndef PRSRCTL_POINTS_H
 #define PRSRCTL_POINTS_H
 
+#include <functional>
 #include <string>
 
 #include "prsrctl.h"
@@ -13,6 +14,14 @@ namespace prsrctl {
  * instance, or an instance in its role for a service. */
 int show_point_enabled(const Globals &g, const std::string &db, const std::string &srv,
                        const std::string &inst);
+
+/* Writes, and the reads of a role or domain, answer a missing key with a
+ * registry failure. When probe, a read of the object itself, says it is not
+ * there, the user is told "not found" instead. */
+int32_t refine(int32_t rc, const std::function<int32_t()> &probe);
+
+/* Whether the database exists, as the read of its name tells. */
+int32_t probe_database(Session &s, const std::string &db);
 
 } // namespace prsrctl
 #endif

@@ -12,20 +12,13 @@
 #include <nlohmann/json.hpp>
 
 #include "prsr.h"
+#include "../common/exit_codes.h"
 
 namespace prsrctl {
 
-/* Exit codes, documented in docs/prsrctl/README.md. 9, not 8, for a partly
- * written change: hvsctl's 8 says a change was refused with nothing written. */
-enum Exit : int {
-  kOk = 0,
-  kFailure = 1,       /* memory, session or any other failure */
-  kBadArgument = 2,   /* usage, or an argument the library refused */
-  kRegistry = 3,      /* the registry failed or cannot be reached */
-  kLock = 4,          /* a configuration lock was refused */
-  kNotFound = 7,      /* database, instance, service, entry or node not found */
-  kPartlyWritten = 9, /* the write returned success, but some of its keys were not written */
-};
+/* Exit codes: the table both tools share (docs/exit-codes.md). */
+using tools::Exit;
+using enum tools::Exit;
 
 struct Globals {
   bool json = false;
@@ -85,6 +78,12 @@ WriteResult watch_write(const std::function<int32_t()> &write);
  * for success over failed keys; either way the keys not written are listed
  * on stderr with the registry's message. kOk when all was written. */
 int report_write(const WriteResult &w, const std::string &what, lks_status *status);
+
+/* Checks a name option: an empty name is a bad argument (exit 2), refused
+ * before the library sees it. */
+inline const CLI::Validator kNonEmpty(
+    [](std::string &name) { return name.empty() ? std::string("the name is empty") : std::string(); },
+    "");
 
 /* Writes one JSON document to stdout. */
 void emit(const nlohmann::json &doc);

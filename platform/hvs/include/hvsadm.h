@@ -49,6 +49,37 @@ int32_t hvsadm_walk(void *handle, const char *name, hvsadm_walk_fn fn,
 int32_t hvsadm_get_property(void *handle, const char *name, char *value, uint32_t *len);
 int32_t hvsadm_set_property(void *handle, const char *name, const char *value);
 
+/* The cache of a client handle (hvsapi_init_ext; docs/cache.md): what it
+ * holds now, its bound in bytes, and its answers since the handle was
+ * opened. HVS_ERR_ARGUMENT for a handle that keeps no cache (HVS_CACHE=off,
+ * an engine that cannot tell changes, an administration handle). */
+typedef struct hvsadm_cache_info {
+  uint64_t entries;   /* keys held (a key and its subkey list count once) */
+  uint64_t bytes;     /* bytes they take, bookkeeping included */
+  uint64_t limit;     /* HVS_CACHE_MB in bytes */
+  uint64_t hits;      /* opens and subkey lists answered from memory */
+  uint64_t misses;    /* ... sent to the engine while the cache was usable */
+  uint64_t evictions; /* entries pushed out by the bound */
+} hvsadm_cache_info;
+int32_t hvsadm_cache_stats(void *handle, hvsadm_cache_info *out);
+
+/* For the commands that create a registry (hvsctl import, restore), on the
+ * location HVS_REGISTRY names.
+ * allow_foreign: a creating open takes over a location that holds something
+ * other than a registry only once the process allowed it (hvsctl import
+ * --force); off by default.
+ * missing_part: what a creating open would make, found before it: the
+ * outermost part of the location that does not exist yet (the first
+ * missing directory of an SQLite path, or the file itself; the first
+ * missing znode on the way to a ZooKeeper root), in part (capacity
+ * part_cap); empty when the registry exists already, and for mem:.
+ * remove_created: takes away what a creating open made where missing_part
+ * gave part (with no handle open on the location).
+ * On failure msg (capacity msg_cap) tells the cause. */
+void hvsadm_allow_foreign(int allow);
+int32_t hvsadm_missing_part(char *part, size_t part_cap, char *msg, size_t msg_cap);
+int32_t hvsadm_remove_created(const char *part, char *msg, size_t msg_cap);
+
 #ifdef __cplusplus
 }
 #endif

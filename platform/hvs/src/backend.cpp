@@ -2,6 +2,8 @@
 // helpers are in key_names.cpp).
 #include "hvs/backend.h"
 
+#include <atomic>
+
 namespace hvs {
 
 namespace {
@@ -56,6 +58,38 @@ std::unique_ptr<Backend> open_backend(const Location &loc, bool create,
   st = Status::failure(HVS_ERR_UNREACHABLE,
                        loc.text + ": bad registry location: " + loc.error);
   return nullptr;
+}
+
+namespace {
+std::atomic<bool> g_allow_foreign{false};
+} // namespace
+
+void allow_foreign_location(bool allow) noexcept { g_allow_foreign = allow; }
+bool foreign_location_allowed() noexcept { return g_allow_foreign; }
+
+Status missing_part(const Location &loc, std::string &part) {
+  part.clear();
+  switch (loc.engine) {
+  case Engine::Sqlite:
+    return sqlite_missing_part(loc, part);
+  case Engine::ZooKeeper:
+    return zookeeper_missing_part(loc, part);
+  default:
+    return {};
+  }
+}
+
+Status remove_created(const Location &loc, const std::string &part) {
+  if (part.empty())
+    return {};
+  switch (loc.engine) {
+  case Engine::Sqlite:
+    return sqlite_remove_created(loc, part);
+  case Engine::ZooKeeper:
+    return zookeeper_remove_created(loc, part);
+  default:
+    return {};
+  }
 }
 
 } // namespace hvs

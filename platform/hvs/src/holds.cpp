@@ -15,12 +15,19 @@ namespace {
 std::mutex g_mu;
 std::vector<std::shared_ptr<Hold>> g_holds; // guarded by g_mu
 
+std::atomic<uint64_t> g_marks{0};
+thread_local uint64_t t_mark = 0;
+
 bool covers(std::string_view prefix, std::string_view key) {
   return key == prefix || (key.size() > prefix.size() && key.starts_with(prefix) &&
                            key[prefix.size()] == '.');
 }
 
 } // namespace
+
+uint64_t next_mark() noexcept { return g_marks.fetch_add(1, std::memory_order_acq_rel) + 1; }
+uint64_t last_mark() noexcept { return g_marks.load(std::memory_order_acquire); }
+uint64_t thread_mark() noexcept { return t_mark; }
 
 bool covered_key(std::string_view lock, std::string &out) {
   constexpr std::string_view kBranch = "FLTM.";
@@ -65,6 +72,9 @@ __attribute__((visibility("default"))) hvs_hold *
 hvs_hold_enter(const char *lock_name, int exclusive, const char *fence) {
   if (lock_name == nullptr)
     return nullptr;
+  // Whatever the lock covers, what this thread reads from now on must not
+  // come before the writes made under it by its last holder (cache.cpp).
+  hvs::holds::t_mark = hvs::holds::next_mark();
   try {
     auto hold = std::make_shared<Hold>();
     hold->lock = lock_name;

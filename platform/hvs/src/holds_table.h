@@ -34,6 +34,15 @@ std::shared_ptr<Hold> covering(std::string_view key);
 // has ended already.
 bool defer(const std::shared_ptr<Hold> &hold, std::function<Status()> fn);
 
+// Ordering marks, for the client layer's cache: one process-wide count
+// that goes up by one for every hold entered (hvs_hold_enter) and for every
+// write the client layer makes. A reading thread whose latest hold (or a
+// write it may have been told of) carries a mark later than the last
+// catch-up of its engine makes the engine catch up first (cache.cpp).
+uint64_t next_mark() noexcept;   // takes the next mark
+uint64_t last_mark() noexcept;   // the latest mark taken
+uint64_t thread_mark() noexcept; // this thread's latest hold's mark, or 0
+
 // The key a lock name covers ("FLTM.X" and "FLTM.VLM.X": X); nullopt-like
 // empty view with ok=false when the name follows no such form.
 bool covered_key(std::string_view lock, std::string &out);

@@ -10,6 +10,7 @@
 #include <thread>
 #include <unordered_map>
 
+#include "cache.h"
 #include "holds_table.h"
 #include "hvs/backend.h"
 #include "hvsadm.h"
@@ -152,7 +153,7 @@ Key *as_key(Handle *h, void *p) {
                                                                   : nullptr;
 }
 
-int32_t open_handle(void **handle_out, bool create, char *msg,
+int32_t open_handle(void **handle_out, bool create, bool client, char *msg,
                     uint64_t *msg_len) {
   auto report = [&](const std::string &text) {
     if (msg_len != nullptr)
@@ -168,6 +169,9 @@ int32_t open_handle(void **handle_out, bool create, char *msg,
   std::unique_ptr<Backend> backend;
   try {
     backend = hvs::open_backend(loc, create, st);
+    // Client handles answer from memory what they may (cache.h).
+    if (backend != nullptr)
+      backend = hvs::cache::wrap(std::move(backend), loc.text, client);
   } catch (const std::bad_alloc &) {
     st = Status::failure(HVS_ERR_MEMORY, loc.text + ": out of memory");
   } catch (const std::exception &e) {
@@ -294,7 +298,7 @@ extern "C" {
 
 int32_t hvsapi_init_ext(void **handle_out, int32_t /*mode*/, char *msg,
                         uint64_t *msg_len, int32_t /*flags*/) {
-  return open_handle(handle_out, false, msg, msg_len);
+  return open_handle(handle_out, false, true, msg, msg_len);
 }
 
 int32_t hvsapi_terminate(void *handle) {
@@ -509,7 +513,7 @@ const char *hvsapi_location(void *handle) {
 
 int32_t hvsadm_open(void **handle_out, int create, char *msg,
                     uint64_t *msg_len) {
-  return open_handle(handle_out, create != 0, msg, msg_len);
+  return open_handle(handle_out, create != 0, false, msg, msg_len);
 }
 
 int32_t hvsadm_create_key(void *handle, const char *name, int has_value,
@@ -631,6 +635,18 @@ int32_t hvsadm_set_property(void *handle, const char *name, const char *value) {
   if (name == nullptr || value == nullptr)
     return bad_arg(h, "hvsadm_set_property", "NULL argument");
   return guarded(h, [&](Backend &b) { return b.set_property(name, value); });
+}
+
+int32_t hvsadm_cache_stats(void *handle, hvsadm_cache_info *out) {
+  Handle *h = as_handle(handle);
+  if (h == nullptr)
+    return bad_handle("hvsadm_cache_stats");
+  if (out == nullptr)
+    return bad_arg(h, "hvsadm_cache_stats", "NULL output pointer");
+  std::lock_guard lock(h->core->mu);
+  if (!hvs::cache::stats_of(*h->core->backend, *out))
+    return bad_arg(h, "hvsadm_cache_stats", "this handle keeps no cache");
+  return HVS_OK;
 }
 
 } // extern "C"

@@ -2,6 +2,7 @@
 // every handle opened on that name, alive until the process ends. Meant for
 // tests: a transaction is a copy of the store taken at begin and put back at
 // rollback, so other handles see uncommitted writes.
+#include <atomic>
 #include <map>
 #include <mutex>
 #include <optional>
@@ -25,6 +26,8 @@ struct Store {
   std::mutex mu;
   Nodes nodes{{std::string(), Node{}}}; // the root
   std::map<std::string, std::string, std::less<>> properties;
+  // Moves with every change of the keys, after it, under mu.
+  std::atomic<uint64_t> version{0};
 };
 
 std::mutex g_stores_mu;
@@ -106,6 +109,7 @@ public:
     if (has_value)
       n.value.assign(bytes);
     nodes.emplace(std::string(name), std::move(n));
+    store_->version.fetch_add(1, std::memory_order_release);
     return {};
   }
 
@@ -118,6 +122,7 @@ public:
     it->second.has_value = has_value;
     it->second.type = has_value ? type : HVS_TYPE_BINARY;
     it->second.value.assign(has_value ? bytes : std::string_view{});
+    store_->version.fetch_add(1, std::memory_order_release);
     return {};
   }
 
@@ -131,6 +136,7 @@ public:
       return Status::failure(HVS_ERR_NOT_EMPTY, loc_ + ": key " +
                                                     std::string(name) +
                                                     " has subkeys");
+    store_->version.fetch_add(1, std::memory_order_release);
     if (name.empty()) { // empty the registry
       nodes.clear();
       nodes.emplace(std::string(), Node{});
@@ -165,8 +171,23 @@ public:
                              loc_ + ": rollback without a transaction");
     std::lock_guard lock(store_->mu);
     store_->nodes = std::move(*saved_);
+    store_->version.fetch_add(1, std::memory_order_release);
     saved_.reset();
     return {};
+  }
+
+  // The store's version tells of every change, by any handle.
+  bool follow(ChangeSink *sink) override {
+    sink_ = sink;
+    return true;
+  }
+  bool current() override {
+    uint64_t v = store_->version.load(std::memory_order_acquire);
+    if (v != seen_) {
+      sink_->changed_all();
+      seen_ = v;
+    }
+    return true;
   }
 
 private:
@@ -186,6 +207,8 @@ private:
   std::shared_ptr<Store> store_;
   std::string loc_;
   std::optional<Nodes> saved_;
+  ChangeSink *sink_ = nullptr;
+  uint64_t seen_ = ~uint64_t{0};
 };
 
 } // namespace

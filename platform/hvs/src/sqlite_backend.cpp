@@ -9,9 +9,12 @@
 #include <cerrno>
 #include <cstring>
 #include <filesystem>
+#include <fcntl.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include "hvs/backend.h"
+#include "wal_index.h"
 
 namespace hvs {
 namespace {
@@ -388,6 +391,31 @@ public:
   // The writes under an exclusive lock are one transaction (hvs/holds.h).
   bool batches_under_lock() const noexcept override { return true; }
 
+  // Changes are told by SQLite's WAL-index header (wal_index.h): any commit,
+  // by any connection of any process, moves it.
+  bool follow(ChangeSink *sink) override {
+    std::string why;
+    if (!wal_.open(db_, why))
+      return false; // not in WAL mode: no cache
+    sink_ = sink;
+    return true;
+  }
+
+  bool current() override {
+    // A transaction open on this connection: its pending writes are seen
+    // only through it.
+    if (sink_ == nullptr || !sqlite3_get_autocommit(db_))
+      return false;
+    WalIndex::Header now;
+    if (!wal_.read(now))
+      return false; // a writer is updating it, or it needs recovery
+    if (!(now == seen_)) {
+      sink_->changed_all();
+      seen_ = now;
+    }
+    return true;
+  }
+
 private:
   // Some failures (a full disk, an I/O error) make SQLite roll the whole
   // transaction back. What follows must not land on its own, outside it.
@@ -416,6 +444,9 @@ private:
   std::string loc_;
   sqlite3_stmt *stmts_[kStmtCount] = {};
   bool in_tx_ = false;
+  WalIndex wal_;
+  WalIndex::Header seen_{};
+  ChangeSink *sink_ = nullptr;
 };
 
 Status create_schema(sqlite3 *db, const std::string &loc) {
@@ -435,29 +466,76 @@ Status create_schema(sqlite3 *db, const std::string &loc) {
   return {};
 }
 
+// A creating open of a file that holds tables of another application
+// leaves it alone.
+Status refuse_foreign(sqlite3 *db, const std::string &loc) {
+  sqlite3_stmt *s = nullptr;
+  int rc = sqlite3_prepare_v2(
+      db,
+      "SELECT name FROM sqlite_master WHERE type IN ('table', 'view') AND "
+      "name NOT IN ('hvs_format', 'hvs_property', 'hvs_key') AND "
+      "name NOT LIKE 'sqlite\\_%' ESCAPE '\\' ORDER BY name",
+      -1, &s, nullptr);
+  std::string names;
+  if (rc == SQLITE_OK)
+    while ((rc = sqlite3_step(s)) == SQLITE_ROW)
+      names += (names.empty() ? "" : ", ") +
+               std::string(reinterpret_cast<const char *>(sqlite3_column_text(s, 0)));
+  sqlite3_finalize(s);
+  if (rc != SQLITE_DONE)
+    return Status::failure(map_code(rc), loc + ": cannot create the registry: " +
+                                             sqlite3_errstr(rc));
+  if (names.empty())
+    return {};
+  return Status::failure(HVS_ERR_EXISTS,
+                         loc + ": the file holds tables that are not a registry's (" +
+                             names + "); a registry is made only in a new or empty file");
+}
+
+// mkdir -p with mode 0770 for each directory made; 0 or the errno.
+int make_directories(const std::string &dir) {
+  for (size_t slash = dir.find('/', 1);; slash = dir.find('/', slash + 1)) {
+    std::string part = dir.substr(0, slash);
+    if (!part.empty() && ::mkdir(part.c_str(), 0770) != 0 && errno != EEXIST)
+      return errno;
+    if (slash == std::string::npos)
+      return 0;
+  }
+}
+
 } // namespace
 
 std::unique_ptr<Backend> open_sqlite(const Location &loc, bool create,
                                      Status &st) {
   const std::string &path = loc.path;
   struct stat sb {};
-  if (::stat(path.c_str(), &sb) != 0) {
+  const bool existed = ::stat(path.c_str(), &sb) == 0;
+  if (!existed) {
     int err = errno;
     if (err != ENOENT || !create) {
       st = Status::failure(HVS_ERR_UNREACHABLE,
                            loc.text + ": " + std::strerror(err));
       return nullptr;
     }
-    std::error_code ec;
-    auto dir = std::filesystem::path(path).parent_path();
-    if (!dir.empty())
-      std::filesystem::create_directories(dir, ec);
-    if (ec) {
+    // A new registry is its owner's and group's only, whatever the umask:
+    // directories 0770 and the file 0660 at most (SQLite gives its -wal and
+    // -shm files the mode of the file).
+    std::string dir = std::filesystem::path(path).parent_path().string();
+    if (int e = make_directories(dir); e != 0) {
       st = Status::failure(HVS_ERR_UNREACHABLE,
-                           loc.text + ": cannot create directory " +
-                               dir.string() + ": " + ec.message());
+                           loc.text + ": cannot create directory " + dir +
+                               ": " + std::strerror(e));
       return nullptr;
     }
+    int fd = ::open(path.c_str(),
+                    O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0660);
+    if (fd < 0 && errno != EEXIST) {
+      st = Status::failure(HVS_ERR_UNREACHABLE, loc.text + ": cannot create: " +
+                                                    std::strerror(errno));
+      return nullptr;
+    }
+    if (fd >= 0)
+      ::close(fd);
   } else if (S_ISDIR(sb.st_mode)) {
     st = Status::failure(HVS_ERR_UNREACHABLE, loc.text + ": is a directory");
     return nullptr;
@@ -479,7 +557,10 @@ std::unique_ptr<Backend> open_sqlite(const Location &loc, bool create,
   sqlite3_extended_result_codes(db, 0);
   sqlite3_busy_timeout(db, kBusyTimeoutMs);
   if (create) {
-    st = create_schema(db, loc.text);
+    st = existed && !foreign_location_allowed() ? refuse_foreign(db, loc.text)
+                                                : Status{};
+    if (st.ok())
+      st = create_schema(db, loc.text);
     if (!st.ok()) {
       sqlite3_close_v2(db);
       return nullptr;
@@ -490,6 +571,43 @@ std::unique_ptr<Backend> open_sqlite(const Location &loc, bool create,
   if (!st.ok())
     return nullptr;
   return backend;
+}
+
+Status sqlite_missing_part(const Location &loc, std::string &part) {
+  part.clear();
+  for (std::filesystem::path q = loc.path; !q.empty();) {
+    struct stat sb {};
+    if (::lstat(q.c_str(), &sb) == 0)
+      return {};
+    if (errno != ENOENT)
+      return Status::failure(HVS_ERR_UNREACHABLE, loc.text + ": " + q.string() +
+                                                      ": " + std::strerror(errno));
+    part = q.string();
+    std::filesystem::path up = q.parent_path();
+    if (up == q)
+      break;
+    q = up;
+  }
+  return {};
+}
+
+Status sqlite_remove_created(const Location &loc, const std::string &part) {
+  std::string failed;
+  for (const char *suffix : {"", "-wal", "-shm", "-journal"}) {
+    std::string f = loc.path + suffix;
+    // (A directory of that name is not the open's.)
+    if (::unlink(f.c_str()) != 0 && errno != ENOENT && errno != EISDIR && failed.empty())
+      failed = f + ": " + std::strerror(errno);
+  }
+  // The directories made for the file, innermost first, as far as part.
+  if (part != loc.path)
+    for (std::filesystem::path d = std::filesystem::path(loc.path).parent_path();
+         d.string().size() >= part.size(); d = d.parent_path())
+      if (::rmdir(d.c_str()) != 0 || d.string() == part)
+        break;
+  if (!failed.empty())
+    return Status::failure(HVS_ERR_ENGINE, loc.text + ": cannot remove " + failed);
+  return {};
 }
 
 } // namespace hvs

@@ -88,7 +88,53 @@ public:
                                  " on the ZooKeeper ensemble " +
                                  settings_.hosts +
                                  " (hvsctl import creates one)");
+    if (!foreign_location_allowed())
+      if (Status foreign = refuse_foreign(); !foreign.ok())
+        return foreign;
     return lay_out();
+  }
+
+  // The first znode on the way to ROOT that does not exist ("" when ROOT
+  // does).
+  Status missing_part(std::string &part) {
+    zk::Budget budget(zk::Clock::now() + settings_.timeout());
+    if (Status st = ensure(); !st.ok())
+      return st;
+    part.clear();
+    for (std::size_t slash = root_.find('/', 1);;
+         slash = root_.find('/', slash + 1)) {
+      std::string p = root_.substr(0, slash), data;
+      bool null = true;
+      int rc = session_->get(p, data, null);
+      if (rc == ZNONODE) {
+        part = p;
+        return {};
+      }
+      if (rc != ZOK)
+        return fail(rc, "cannot read " + p);
+      if (slash == std::string::npos)
+        return {};
+    }
+  }
+
+  // Deletes path and everything under it, children first.
+  Status remove_tree(const std::string &path) {
+    zk::Budget budget(zk::Clock::now() + settings_.timeout());
+    if (Status st = ensure(); !st.ok())
+      return st;
+    std::vector<std::string> kids;
+    int rc = session_->children(path, kids);
+    if (rc == ZNONODE)
+      return {};
+    if (rc != ZOK)
+      return fail(rc, "cannot list " + path);
+    for (const auto &kid : kids)
+      if (Status st = remove_tree(path + "/" + kid); !st.ok())
+        return st;
+    rc = session_->remove(path);
+    if (rc != ZOK && rc != ZNONODE)
+      return fail(rc, "cannot remove " + path);
+    return {};
   }
 
   Status open_key(std::string_view name, KeyData &out) override {
@@ -98,9 +144,20 @@ public:
       return st;
     std::string data;
     bool null = true;
-    int rc = session_->get(path_of(name), data, null);
-    if (rc == ZNONODE)
+    const std::string path = path_of(name);
+    const zk::Deadline asked = zk::Clock::now();
+    int rc = session_->get(path, data, null, sink_ != nullptr);
+    if (rc == ZOK || rc == ZNONODE)
+      heard_ = asked;
+    if (rc == ZNONODE) {
+      // A read of a missing node leaves no watch: an existence watch tells
+      // of its creation. Created meanwhile, or not known: the answer must
+      // not stay in the cache.
+      bool exists = false;
+      if (sink_ != nullptr && (session_->watch_exists(path, exists) != ZOK || exists))
+        sink_->changed(name);
       return no_key(name);
+    }
     if (rc != ZOK)
       return fail(rc, "open of key " + std::string(name));
     out.id = 0;
@@ -191,7 +248,7 @@ public:
     if (Status st = ensure(); !st.ok())
       return st;
     std::vector<std::string> nodes;
-    int rc = session_->children(path_of(key.path), nodes);
+    int rc = session_->children(path_of(key.path), nodes, sink_ != nullptr);
     if (rc == ZNONODE)
       return no_key(key.path);
     if (rc != ZOK)
@@ -370,7 +427,93 @@ public:
     return {};
   }
 
+  // The client's cache is kept by watches: every key read with a cache
+  // behind leaves one, and its event drops the key from the cache (listen).
+  // A lost connection or an expired session drops everything, and until the
+  // session is connected again nothing is answered from memory.
+  bool follow(ChangeSink *sink) override {
+    sink_ = sink;
+    listen();
+    return true;
+  }
+
+  // The client learns that its connection or its session is gone only
+  // from its socket: a process that was stopped, or a server that vanished
+  // without a word, could serve from memory what another client has
+  // changed since. So memory answers only within a lease: a third of the
+  // session timeout (the client library's own ping interval) after the
+  // asking of the last answer that came back; past it, one round trip
+  // first.
+  bool current() override {
+    if (sink_ == nullptr || in_tx_ || !session_ || session_->broken() || !session_->connected())
+      return false;
+    return zk::Clock::now() - heard_ < lease() || catch_up();
+  }
+
+  // Why a sync is enough after a lock was granted. The lock service runs
+  // its own session, perhaps on another server than ours. A writer wrote
+  // key K (transaction z1) and then released its lock (z2 > z1); we were
+  // granted the lock after z2. Our server may not have applied z1 yet, and
+  // then the notification of z1 for our watch on K is not on its way yet:
+  // the grant alone does not put it before our next cached read. The sync
+  // goes through the leader: our server answers it only once it has
+  // applied everything the leader had committed when the sync arrived,
+  // which is after the grant, so z1 and z2 included. A server sends a
+  // session's notifications and answers in the order it applies them, on
+  // one connection, and the client hands them to its one event thread in
+  // that order: the notification of z1 has run (and dropped K) before the
+  // answer to the read sent behind the sync wakes us.
+  bool catch_up() override {
+    if (sink_ == nullptr || in_tx_ || !session_ || session_->broken() || !session_->connected())
+      return false;
+    const zk::Deadline asked = zk::Clock::now();
+    zk::Budget budget(asked + settings_.timeout());
+    if (session_->sync(keys_) != ZOK)
+      return false;
+    heard_ = asked;
+    return true;
+  }
+
 private:
+  std::chrono::milliseconds lease() const {
+    return std::chrono::milliseconds(std::min(settings_.session_ms, session_->granted_ms()) / 3);
+  }
+
+  // Turns the session's events into reports to the cache.
+  void listen() {
+    if (sink_ == nullptr || !session_)
+      return;
+    ChangeSink *sink = sink_;
+    std::string keys = keys_;
+    session_->on_change([sink, keys](int type, int state, const char *path) {
+      if (type == ZOO_SESSION_EVENT) {
+        if (state != ZOO_CONNECTED_STATE)
+          sink->changed_all(); // its watches may miss events from here on
+        return;
+      }
+      try {
+        std::string_view p = path != nullptr ? path : "";
+        if (!p.starts_with(keys) || (p.size() > keys.size() && p[keys.size()] != '/')) {
+          sink->changed_all();
+          return;
+        }
+        p.remove_prefix(keys.size());
+        std::string name;
+        while (!p.empty()) {
+          p.remove_prefix(1); // the slash
+          std::size_t slash = p.find('/');
+          if (!name.empty())
+            name += '.';
+          name += zk::decode(p.substr(0, slash));
+          p = slash == std::string_view::npos ? std::string_view{} : p.substr(slash);
+        }
+        sink->changed(name);
+      } catch (...) {
+        sink->changed_all();
+      }
+    });
+  }
+
   struct Op {
     enum Kind { Create, Set, Delete } kind;
     std::string name;
@@ -409,6 +552,11 @@ private:
     session_ = zk::Session::open(settings_, rc, why);
     if (!session_)
       return Status::failure(HVS_ERR_UNREACHABLE, loc_ + ": " + why);
+    if (sink_ != nullptr) { // a new session: none of the old watches
+      listen();
+      sink_->changed_all();
+    }
+    heard_ = zk::Clock::now();
     return {};
   }
 
@@ -449,6 +597,38 @@ private:
             std::string(name) + " is over the ZooKeeper packet limit of " +
             std::to_string(settings_.max_packet) +
             " bytes (jute.maxbuffer); it was not sent");
+  }
+
+  // An existing ROOT is laid out as a registry only when it holds nothing
+  // but what a registry has there: no data or the marker, and no children
+  // but keys and locks.
+  Status refuse_foreign() {
+    std::string data;
+    bool null = true;
+    int rc = session_->get(root_, data, null);
+    if (rc != ZOK)
+      return rc == ZNONODE ? Status{} : fail(rc, "cannot read " + root_);
+    std::vector<std::string> kids, others;
+    rc = session_->children(root_, kids);
+    if (rc != ZOK)
+      return rc == ZNONODE ? Status{} : fail(rc, "cannot list " + root_);
+    for (const auto &k : kids)
+      if (k != "keys" && k != "locks")
+        others.push_back(k);
+    const bool foreign_data = !null && !data.empty() && !data.starts_with(kMarker);
+    if (!foreign_data && others.empty())
+      return {};
+    std::string what = foreign_data ? "data that is not a registry's marker" : "";
+    if (!others.empty()) {
+      what += what.empty() ? "" : " and ";
+      what += "children that are not a registry's (";
+      for (std::size_t i = 0; i < others.size() && i < 5; ++i)
+        what += (i ? ", " : "") + others[i];
+      what += others.size() > 5 ? ", ...)" : ")";
+    }
+    return Status::failure(HVS_ERR_EXISTS, loc_ + ": " + root_ + " holds " + what +
+                                               "; a registry is made only in a new "
+                                               "or empty place");
   }
 
   // Creates ROOT (with its parents), its marker, ROOT/keys and ROOT/locks.
@@ -601,6 +781,8 @@ private:
   std::string keys_;
   zk::Settings settings_;
   std::shared_ptr<zk::Session> session_;
+  ChangeSink *sink_ = nullptr; // the client's cache, when it has one
+  zk::Deadline heard_{};       // when the latest answer was asked for
 
   bool in_tx_ = false;
   std::vector<Op> tx_;
@@ -620,6 +802,16 @@ std::unique_ptr<Backend> open_zookeeper(const Location &loc, bool create,
   return backend;
 }
 
+Status zookeeper_missing_part(const Location &loc, std::string &part) {
+  ZkBackend b(loc, zk::Settings::from_env(loc.path));
+  return b.missing_part(part);
+}
+
+Status zookeeper_remove_created(const Location &loc, const std::string &part) {
+  ZkBackend b(loc, zk::Settings::from_env(loc.path));
+  return b.remove_tree(part);
+}
+
 } // namespace hvs
 
 #else // !HVS_WITH_ZOOKEEPER
@@ -633,6 +825,15 @@ std::unique_ptr<Backend> open_zookeeper(const Location &loc, bool /*create*/,
                            ": this build has no ZooKeeper engine (hosts " +
                            loc.path + ", root " + loc.root + ")");
   return nullptr;
+}
+
+Status zookeeper_missing_part(const Location &, std::string &part) {
+  part.clear();
+  return {};
+}
+
+Status zookeeper_remove_created(const Location &, const std::string &) {
+  return {};
 }
 
 } // namespace hvs

@@ -8,6 +8,7 @@
 #include "lks.h"
 
 #include <cerrno>
+#include <cstdio>
 #include <cstring>
 #include <fcntl.h>
 #include <sys/file.h>
@@ -73,10 +74,25 @@ int make_directories(const std::string &dir, unsigned mode) {
   return 0;
 }
 
+std::string octal(unsigned mode) {
+  char buf[8];
+  std::snprintf(buf, sizeof buf, "%04o", mode & 07777);
+  return buf;
+}
+
+// Closes a descriptor on every way out.
+struct Fd {
+  int fd = -1;
+  ~Fd() {
+    if (fd >= 0)
+      ::close(fd);
+  }
+};
+
 } // namespace
 
-FileLockEngine::FileLockEngine(std::string dir, unsigned mode, bool private_dir)
-    : dir_(std::move(dir)), mode_(mode), private_(private_dir) {}
+FileLockEngine::FileLockEngine(std::string dir, std::string owner_file)
+    : dir_(std::move(dir)), owner_file_(std::move(owner_file)) {}
 
 std::string FileLockEngine::file_name(const std::string &name) {
   std::string out;
@@ -96,22 +112,94 @@ std::string FileLockEngine::file_name(const std::string &name) {
   return out;
 }
 
-Outcome FileLockEngine::ensure_directory() {
-  if (int err = make_directories(dir_, mode_))
-    return failure(LKS_ERR_SYSTEM, err, "lock directory " + dir_ + ": " + std::strerror(err));
-  if (private_) {
-    // The directory and its parent sit in a place that others can write:
-    // refuse one that another user made or that is a link.
-    std::string parent = dir_.substr(0, dir_.rfind('/'));
-    for (const std::string &d : {parent, dir_}) {
-      struct stat st {};
-      if (::lstat(d.c_str(), &st) != 0)
-        return failure(LKS_ERR_SYSTEM, errno, "lock directory " + d + ": " + std::strerror(errno));
-      if (!S_ISDIR(st.st_mode) || st.st_uid != ::getuid())
-        return failure(LKS_ERR_SYSTEM, EPERM,
-                       "lock directory " + d + ": not a directory of this user");
+// Whose the lock directory and files are, and their modes: those of the
+// registry file with nothing for others (a lock file is locked through a
+// read-only descriptor, so whoever can read it can hold back every writer),
+// or this process's own when there is no registry file yet.
+struct FileLockEngine::Owner {
+  uid_t uid;
+  gid_t gid;
+  mode_t file_mode;
+  mode_t dir_mode;
+};
+
+Outcome FileLockEngine::owner(Owner &o) const {
+  struct stat st {};
+  if (!owner_file_.empty() && ::stat(owner_file_.c_str(), &st) == 0) {
+    o.uid = st.st_uid;
+    o.gid = st.st_gid;
+    o.file_mode = (st.st_mode & 0660) | 0600;
+  } else if (!owner_file_.empty() && errno != ENOENT) {
+    int err = errno;
+    return failure(LKS_ERR_SYSTEM, err, "registry " + owner_file_ + ": " + std::strerror(err));
+  } else {
+    o.uid = ::geteuid();
+    o.gid = ::getegid();
+    o.file_mode = owner_file_.empty() ? 0600 : 0660;
+  }
+  o.dir_mode = o.file_mode | ((o.file_mode & 0440) >> 2);
+  return Outcome::ok();
+}
+
+// The lock directory, made when missing, opened without following a link,
+// and refused unless it is a directory of the owner (or root) that others
+// cannot write: in a place others can write to, another user could make it
+// first, or a link to anywhere, and unlink the file of a held lock.
+Outcome FileLockEngine::open_directory(const Owner &o, int *out) const {
+  const int flags = O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC;
+  auto refuse = [&](int err, const std::string &why) {
+    return failure(LKS_ERR_SYSTEM, err, "lock directory " + dir_ + ": " + why);
+  };
+  const size_t slash = dir_.rfind('/');
+  const std::string parent = slash == std::string::npos ? "." : dir_.substr(0, slash);
+  if (owner_file_.empty()) {
+    // The private directory's parent sits in the temporary directory.
+    if (int err = make_directories(parent, 0700))
+      return refuse(err, std::strerror(err));
+    struct stat st {};
+    if (::lstat(parent.c_str(), &st) != 0 || !S_ISDIR(st.st_mode) || st.st_uid != ::getuid())
+      return refuse(EPERM, parent + " is not a directory of this user");
+  }
+  Fd fd{::open(dir_.c_str(), flags)};
+  bool made = false;
+  if (fd.fd < 0 && errno == ENOENT) {
+    if (!owner_file_.empty() && slash != std::string::npos) {
+      if (int err = make_directories(parent, o.dir_mode))
+        return refuse(err, std::strerror(err));
+    }
+    if (::mkdir(dir_.c_str(), o.dir_mode) == 0)
+      made = true;
+    else if (errno != EEXIST)
+      return refuse(errno, std::strerror(errno));
+    fd.fd = ::open(dir_.c_str(), flags);
+    if (fd.fd >= 0 && made) {
+      // Root making it for another user's registry hands it over.
+      if (::geteuid() == 0)
+        (void)!::fchown(fd.fd, o.uid, o.gid);
+      ::fchmod(fd.fd, o.dir_mode);
     }
   }
+  if (fd.fd < 0) {
+    int err = errno;
+    return refuse(err, err == ELOOP || err == ENOTDIR ? "a symbolic link or not a directory"
+                                                      : std::strerror(err));
+  }
+  struct stat st {};
+  if (::fstat(fd.fd, &st) != 0)
+    return refuse(errno, std::strerror(errno));
+  std::string why;
+  if (st.st_uid != o.uid && st.st_uid != 0)
+    why = "owned by uid " + std::to_string(st.st_uid) + ", not by the registry's owner (uid " +
+          std::to_string(o.uid) + ") or root";
+  else if ((st.st_mode & S_IWOTH) != 0)
+    why = "writable by others (mode " + octal(st.st_mode) + ")";
+  if (!why.empty()) {
+    if (made)
+      ::rmdir(dir_.c_str());
+    return refuse(EPERM, why + "; no lock is taken in it");
+  }
+  *out = fd.fd;
+  fd.fd = -1;
   return Outcome::ok();
 }
 
@@ -184,14 +272,24 @@ private:
 // Between writers there is no order.
 Outcome FileLockEngine::acquire(const std::string &name, Mode mode,
                                 std::chrono::milliseconds timeout, Token *token) {
-  const std::string path = dir_ + "/" + file_name(name);
-  const int flags = O_RDONLY | O_CREAT | O_CLOEXEC | O_NOFOLLOW;
-  int fd = ::open(path.c_str(), flags, 0644);
-  if (fd < 0 && errno == ENOENT) {
-    Outcome made = ensure_directory();
-    if (made.code != 0)
-      return made;
-    fd = ::open(path.c_str(), flags, 0644);
+  const std::string file = file_name(name);
+  const std::string path = dir_ + "/" + file;
+  Owner o{};
+  if (Outcome known = owner(o); known.code != 0)
+    return known;
+  int dirfd = -1;
+  if (Outcome opened = open_directory(o, &dirfd); opened.code != 0)
+    return opened;
+  Fd dir{dirfd};
+  // Never through a link; a new file gets the owner's group and mode,
+  // whatever the umask.
+  const int flags = O_RDONLY | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK;
+  int fd = ::openat(dirfd, file.c_str(), flags | O_CREAT | O_EXCL, o.file_mode);
+  if (fd >= 0) {
+    (void)!::fchown(fd, ::geteuid() == 0 ? o.uid : uid_t(-1), o.gid);
+    ::fchmod(fd, o.file_mode);
+  } else if (errno == EEXIST) {
+    fd = ::openat(dirfd, file.c_str(), flags);
   }
   if (fd < 0) {
     int err = errno;
@@ -199,6 +297,13 @@ Outcome FileLockEngine::acquire(const std::string &name, Mode mode,
                    "lock " + shown(name) + ": cannot open " + path + ": " + std::strerror(err));
   }
   Request req(fd);
+  struct stat st {};
+  if (::fstat(fd, &st) != 0 || !S_ISREG(st.st_mode))
+    return failure(LKS_ERR_SYSTEM, EPERM,
+                   "lock " + shown(name) + ": " + path + " is not a plain file");
+  // A file made before lock files were kept from others loses their access.
+  if ((st.st_mode & 0007) != 0 && (st.st_uid == ::geteuid() || ::geteuid() == 0))
+    ::fchmod(fd, st.st_mode & 0770);
   auto system_failure = [&](int err) {
     return failure(LKS_ERR_SYSTEM, err, "lock " + shown(name) + ": " + std::strerror(err));
   };

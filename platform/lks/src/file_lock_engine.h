@@ -14,10 +14,14 @@ namespace lks {
 
 class FileLockEngine final : public LockEngine {
 public:
-  // dir is created on first use with the given mode. private_dir: the
-  // directory's parent is shared with other users (the temporary
-  // directory), so the directory must be ours and not a link.
-  FileLockEngine(std::string dir, unsigned mode, bool private_dir);
+  // dir is created on first use. Its owner and group, and those of its
+  // files, are those of owner_file (the registry) when it exists, else this
+  // process's: the directory must be owned by them (or root), must not be
+  // writable by others and must not be a link, or no lock is taken.
+  // owner_file empty: a private directory (mode 0700, files 0600) whose
+  // parent is shared with other users (the temporary directory), so the
+  // parent must be this user's too.
+  FileLockEngine(std::string dir, std::string owner_file);
 
   Outcome acquire(const std::string &name, Mode mode, std::chrono::milliseconds timeout,
                   Token *token) override;
@@ -30,11 +34,12 @@ public:
   const std::string &directory() const { return dir_; }
 
 private:
-  Outcome ensure_directory();
+  struct Owner;
+  Outcome owner(Owner &out) const;
+  Outcome open_directory(const Owner &o, int *fd) const;
 
   std::string dir_;
-  unsigned mode_;
-  bool private_;
+  std::string owner_file_;
 };
 
 } // namespace lks

@@ -41,14 +41,14 @@ std::unique_ptr<LockEngine> make_engine(Outcome *why) {
   case hvs::Engine::Sqlite:
     // Beside the registry file, so every process of a cluster that shares
     // the file shares the locks.
-    return std::make_unique<FileLockEngine>(loc.path + ".locks", 0755, false);
+    return std::make_unique<FileLockEngine>(loc.path + ".locks", loc.path);
   case hvs::Engine::Memory: {
     // An in-memory registry is private to a process, but tests fork and
     // expect the locks to reach across; they live in a per-user directory.
     std::string name =
         plain_component(loc.path) ? loc.path : FileLockEngine::file_name(loc.path);
     return std::make_unique<FileLockEngine>(
-        temp_dir() + "/hvs-mem-locks-" + std::to_string(::getuid()) + "/" + name, 0700, true);
+        temp_dir() + "/hvs-mem-locks-" + std::to_string(::getuid()) + "/" + name, "");
   }
   case hvs::Engine::ZooKeeper: {
 #ifdef HVS_WITH_ZOOKEEPER

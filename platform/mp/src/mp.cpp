@@ -57,7 +57,17 @@ MP_EXPORT void *mptopheap(void *mpctx) {
 
 namespace {
 
+// GCC names the address sanitizer with a macro; older clang only
+// through __has_feature.
 #if defined(__SANITIZE_ADDRESS__)
+#define MP_ADDRESS_SANITIZER 1
+#elif defined(__has_feature)
+#if __has_feature(address_sanitizer)
+#define MP_ADDRESS_SANITIZER 1
+#endif
+#endif
+
+#if defined(MP_ADDRESS_SANITIZER)
 constexpr bool kCache = false;
 #else
 constexpr bool kCache = true;

@@ -4,6 +4,7 @@
 // says so, and otherwise hands it to the next definition in lookup order
 // (the real library), keeping the live counts from what the real call
 // returned. All state is atomic: the library is called from many threads.
+#include <cstdlib>
 #include "prsr_fault.h"
 
 #include "hvsapi.h"
@@ -14,6 +15,13 @@
 #include <cstdio>
 #include <cstring>
 #include <dlfcn.h>
+#include <unistd.h>
+#ifdef PRSR_FAULT_ZOOKEEPER
+#include <zookeeper/zookeeper.h>
+
+#include <map>
+#include <mutex>
+#endif
 
 namespace {
 
@@ -106,6 +114,14 @@ void fault_arm_registry(long n, int32_t code) {
 void fault_arm_lock(long n) {
   g_fired.store(false);
   g_lock.arm(n, false);
+}
+
+// Preloaded into a program (LD_PRELOAD), the interposer is armed from the
+// environment: PRSR_FAULT_ALLOC=N fails the N-th allocation and every later
+// one.
+__attribute__((constructor)) static void arm_from_environment() {
+  if (const char *n = std::getenv("PRSR_FAULT_ALLOC"); n != nullptr && *n != '\0')
+    fault_arm_alloc(std::atol(n), 1);
 }
 
 int fault_fired(void) { return g_fired.load() ? 1 : 0; }
@@ -231,5 +247,59 @@ int32_t lksunlock(lks_status *status, void *handle, const char *name) {
     g_held_locks.fetch_sub(1);
   return rc;
 }
+
+#ifdef PRSR_FAULT_ZOOKEEPER
+// Sessions get a watcher of ours in front of theirs, which waits before
+// passing on a watch event.
+namespace {
+std::atomic<int> g_zk_delay_ms{0};
+struct Watcher {
+  watcher_fn fn;
+  void *context;
+};
+std::mutex g_watchers_mu;
+std::map<zhandle_t *, Watcher *> g_watchers; // guarded by g_watchers_mu
+
+void late(zhandle_t *zh, int type, int state, const char *path, void *ctx) {
+  auto *w = static_cast<Watcher *>(ctx);
+  int ms = g_zk_delay_ms.load();
+  if (type != ZOO_SESSION_EVENT && ms > 0)
+    usleep(useconds_t(ms) * 1000);
+  if (w->fn != nullptr)
+    w->fn(zh, type, state, path, w->context);
+}
+} // namespace
+
+void fault_delay_zk_events(int ms) { g_zk_delay_ms.store(ms); }
+
+zhandle_t *zookeeper_init(const char *host, watcher_fn fn, int recv_timeout,
+                          const clientid_t *clientid, void *context, int flags) {
+  NEXT(zookeeper_init);
+  if (real_zookeeper_init == nullptr)
+    return nullptr;
+  auto *w = new Watcher{fn, context};
+  zhandle_t *zh = real_zookeeper_init(host, late, recv_timeout, clientid, w, flags);
+  if (zh == nullptr) {
+    delete w;
+    return nullptr;
+  }
+  std::lock_guard lock(g_watchers_mu);
+  g_watchers[zh] = w;
+  return zh;
+}
+
+int zookeeper_close(zhandle_t *zh) {
+  NEXT(zookeeper_close);
+  int rc = real_zookeeper_close != nullptr ? real_zookeeper_close(zh) : ZSYSTEMERROR;
+  std::lock_guard lock(g_watchers_mu);
+  if (auto it = g_watchers.find(zh); it != g_watchers.end()) {
+    delete it->second;
+    g_watchers.erase(it);
+  }
+  return rc;
+}
+#else
+void fault_delay_zk_events(int) {}
+#endif
 
 } // extern "C"

@@ -30,6 +30,12 @@ void fault_arm_registry(long n, int32_t code);
  * written to its status record as well. */
 void fault_arm_lock(long n);
 
+/* Every ZooKeeper session of the process hands its watch events to its
+ * watcher ms milliseconds late (0: on time), on its event thread, so that
+ * the completions behind them wait as well: notifications that come late,
+ * as from a server that lags behind the leader. */
+void fault_delay_zk_events(int ms);
+
 /* Nonzero once the armed fault has fired since it was armed. */
 int fault_fired(void);
 

@@ -59,6 +59,19 @@ struct KeyData {
   std::string value;
 };
 
+/* Where an engine reports changes to the stored keys, for the client's
+ * cache (docs/cache.md). Both may be called from any thread, the engine's
+ * own event threads included. */
+class ChangeSink {
+public:
+  virtual ~ChangeSink() = default;
+  /* The key's value, its existence or its list of subkeys may have
+   * changed. */
+  virtual void changed(std::string_view key) = 0;
+  /* Anything may have changed. */
+  virtual void changed_all() = 0;
+};
+
 /* One key of a walk. */
 struct WalkEntry {
   std::string name;
@@ -69,7 +82,7 @@ struct WalkEntry {
 
 class Backend {
 public:
-  static constexpr int kVersion = 3;
+  static constexpr int kVersion = 4;
 
   virtual ~Backend() = default;
   /* The interface version the engine was written against. */
@@ -133,6 +146,32 @@ public:
    * transaction that ends with the hold. */
   virtual bool batches_under_lock() const noexcept { return false; }
 
+  /* --- version 4 --- */
+
+  /* The client layer keeps a cache of opened keys and subkey lists in front
+   * of an engine that can tell when they change (docs/cache.md).
+   *
+   * follow() hands the engine the sink of that cache; an engine that can
+   * keep it told returns true and from then on reports every change it
+   * learns of, its own writes included. The default cannot: no cache.
+   *
+   * current() comes before every read the cache may answer. It returns true
+   * when every change that was committed before the call has been reported
+   * (the engine may report it right there), so that the cache may answer;
+   * false sends this read to the engine and keeps its answer out of the
+   * cache (no trustworthy change record, an open transaction...). It is
+   * called on the thread of the read, under the client layer's lock.
+   *
+   * catch_up() is for engines whose change reports come in their own time
+   * (ZooKeeper's notifications): it returns once every write that completed
+   * anywhere before the call has been reported, or false when it cannot
+   * tell. The client layer calls it when the reading thread was told of
+   * such a write: a lock was granted to it, or a write returned in this
+   * process. The default has nothing to wait for. */
+  virtual bool follow(ChangeSink *) { return false; }
+  virtual bool current() { return false; }
+  virtual bool catch_up() { return true; }
+
 private:
   std::vector<std::pair<std::string, std::string>> properties_;
 };
@@ -158,6 +197,31 @@ std::unique_ptr<Backend> open_memory(const Location &loc, bool create,
                                      Status &st);
 std::unique_ptr<Backend> open_zookeeper(const Location &loc, bool create,
                                         Status &st);
+
+/* A creating open lays a registry out only where nothing else is: an SQLite
+ * file with tables that are not the registry's, or a ZooKeeper root with
+ * data or children other than a registry's marker, keys and locks, is
+ * refused with HVS_ERR_EXISTS, unless the process allowed it first (hvsctl
+ * import --force). Off by default. */
+void allow_foreign_location(bool allow) noexcept;
+bool foreign_location_allowed() noexcept;
+
+/* What a creating open at loc would make, found before it: the outermost
+ * part of the location that does not exist yet (the first missing
+ * directory of an SQLite path, or the file itself; the first missing znode
+ * on the way to a ZooKeeper root). Empty when the registry's file or root
+ * exists already, and for mem:. */
+Status missing_part(const Location &loc, std::string &part);
+/* Takes away what a creating open made at loc where missing_part() gave
+ * part: the SQLite file with its -wal, -shm and -journal files and the
+ * directories made for it, once empty; on ZooKeeper the znode part and
+ * everything under it. Call it with no handle open on loc. */
+Status remove_created(const Location &loc, const std::string &part);
+/* The engines' halves of the two. */
+Status sqlite_missing_part(const Location &loc, std::string &part);
+Status sqlite_remove_created(const Location &loc, const std::string &part);
+Status zookeeper_missing_part(const Location &loc, std::string &part);
+Status zookeeper_remove_created(const Location &loc, const std::string &part);
 
 } // namespace hvs
 
