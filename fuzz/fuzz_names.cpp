@@ -7,15 +7,9 @@
  * operation must answer with one of its own result codes, write a name
  * buffer only inside its size and terminated, and leave behind no block,
  * open key or lock once what it handed out has been released. */
-#include <cstdlib>
-#include <filesystem>
-#include <initializer_list>
 #include <string>
 
-#include "fuzz_common.h"
-#include "hvsadm.h"
-#include "prsr.h"
-#include "prsr_fault.h"
+#include "fuzz_session.h"
 
 namespace {
 
@@ -65,48 +59,14 @@ void build_tree(void *h) {
   }
 }
 
-struct Env {
-  lks_status status{};
-  prsr_ctx *ctx = nullptr;
-  void *admin = nullptr;
-
-  Env() {
-    fuzz::trace_everything();
-    /* Every fuzzed name leaves a lock file behind: keep them all in a
-     * directory of this run, removed at exit. */
-    static char dir[] = "/tmp/prsr-fuzz-names-XXXXXX";
-    FUZZ_CHECK(mkdtemp(dir) != nullptr);
-    setenv("TMPDIR", dir, 1);
-    std::atexit([] {
-      std::error_code ec;
-      std::filesystem::remove_all(dir, ec);
-    });
-    setenv("HVS_REGISTRY", "mem:prsr-fuzz-names", 1);
-    setenv("LKS_TIMEOUT_MS", "300", 1);
-    char msg[1024] = {0};
-    uint64_t len = sizeof msg;
-    if (hvsadm_open(&admin, 1, msg, &len) != 0) {
-      std::fprintf(stderr, "cannot create the registry: %s\n", msg);
-      std::abort();
-    }
+struct Env : fuzz::Session {
+  Env() : Session("prsr-fuzz-names") {
     build_tree(admin);
-    FUZZ_CHECK(prsr_init(&status, &ctx) == PRSR_SUCCESS);
+    start();
   }
 };
 
-struct Held {
-  long blocks = fault_live_blocks(), keys = fault_open_keys(), locks = fault_held_locks();
-  bool operator==(const Held &) const = default;
-};
-
-/* A result code the operation may give; own: also the registry client's
- * codes of a failed second read. */
-bool one_of(int32_t rc, std::initializer_list<int32_t> codes, bool own = false) {
-  for (int32_t c : codes)
-    if (rc == c)
-      return true;
-  return own && (rc == HVS_ERR_SMALL_BUFFER || rc > HVS_ERR_NO_MORE);
-}
+using fuzz::one_of;
 
 /* A name answered into buf: terminated inside it on success. */
 void check_name(int32_t rc, const fuzz::Buffer &buf) {
@@ -125,7 +85,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
   const char *db = names[0].c_str();
   const char *srv = names.size() > 1 ? names[1].c_str() : db;
   const char *inst = names.size() > 2 ? names[2].c_str() : srv;
-  const Held before;
+  const fuzz::Held before;
 
   uint32_t word = 0xFFu;
   int32_t rc = prsr_get_db_enabled(st, ctx, db, &word);
@@ -170,6 +130,6 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
     check_name(rc, buf);
   }
 
-  FUZZ_CHECK(Held() == before);
+  FUZZ_CHECK(fuzz::Held() == before);
   return 0;
 }

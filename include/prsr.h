@@ -95,7 +95,8 @@ typedef struct prsr_instance_cfg {
   uint32_t enabled;
 } prsr_instance_cfg;
 
-/* One service of a database (inside prsr_cfg). */
+/* One service of a database (inside prsr_cfg). A service without
+ * instances has NULL for both lists and their flags. */
 typedef struct prsr_service_cfg {
   char *service_name;
   char **avail_instances; /* avail_count + 1 slots, the last NULL */

@@ -5,6 +5,8 @@
 
 #include <fcntl.h>
 #include <sys/mman.h>
+#include <sys/wait.h>
+#include <unistd.h>
 
 #include <atomic>
 #include <chrono>
@@ -291,6 +293,44 @@ TEST_P(CacheAgainst, OtherWritersAreSeenByTheNextRead) {
 
 INSTANTIATE_TEST_SUITE_P(Engines, CacheAgainst, ::testing::Values("sqlite", "zk"),
                          [](const auto &param_info) { return param_info.param; });
+
+// Reading SQLite's index must not cost SQLite its claim on it: a process
+// that finds no claim takes the index for abandoned and truncates it, under
+// the mappings of every other process (a bus error at their next read).
+TEST(Cache, KeepsSqlitesClaimOnItsSharedMemory) {
+  TempDir dir;
+  hvstest::RegistryEnv env("sqlite:" + dir.file("registry.db"));
+  void *adm = nullptr, *h = nullptr;
+  ASSERT_EQ(HVS_OK, hvsadm_open(&adm, 1, nullptr, nullptr));
+  ASSERT_EQ(HVS_OK, hvsadm_create_key(adm, "K", 1, "v", 2));
+  ASSERT_EQ(HVS_OK, hvsapi_init_ext(&h, 3, nullptr, nullptr, 0));
+  ASSERT_EQ("v", read(h, "K"));
+  ASSERT_EQ("v", read(h, "K"));
+  hvsadm_cache_info info{};
+  ASSERT_EQ(HVS_OK, hvsadm_cache_stats(h, &info));
+  ASSERT_GT(info.hits, 0u); // the index was read
+
+  // Another process asks whether it could take the "last one out" byte of
+  // the index (offset 128) for itself.
+  const std::string shm = dir.file("registry.db-shm");
+  pid_t child = ::fork();
+  ASSERT_GE(child, 0);
+  if (child == 0) {
+    int fd = ::open(shm.c_str(), O_RDONLY | O_CLOEXEC);
+    struct flock fl {};
+    fl.l_type = F_WRLCK;
+    fl.l_whence = SEEK_SET;
+    fl.l_start = 128;
+    fl.l_len = 1;
+    ::_exit(fd < 0 ? 2 : ::fcntl(fd, F_GETLK, &fl) != 0 ? 3 : fl.l_type == F_UNLCK ? 1 : 0);
+  }
+  int status = 0;
+  ASSERT_EQ(child, ::waitpid(child, &status, 0));
+  EXPECT_EQ(0, WIFEXITED(status) ? WEXITSTATUS(status) : -1)
+      << "1: this process no longer holds its claim on " << shm;
+  hvsapi_terminate(h);
+  hvsapi_terminate(adm);
+}
 
 // On by default for every engine, off with HVS_CACHE=off; HVS_CACHE_MB
 // bounds it: thousands of keys through a cache of one megabyte read back

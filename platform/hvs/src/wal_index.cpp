@@ -1,14 +1,7 @@
 // wal_index.cpp - reading SQLite's WAL-index header (wal_index.h).
 #include "wal_index.h"
 
-#include <fcntl.h>
-#include <sys/mman.h>
-#include <sys/stat.h>
-#include <unistd.h>
-
 #include <atomic>
-#include <cerrno>
-#include <cstring>
 
 namespace hvs {
 namespace {
@@ -21,7 +14,9 @@ constexpr uint32_t kVersion = 3007000;
 constexpr std::size_t kIsInitByte = 12;
 constexpr std::size_t kChecksummedWords = 10;
 // Two copies of the header, then the checkpoint information.
-constexpr std::size_t kMapped = 2 * WalIndex::kHeaderBytes;
+// SQLite maps its index in regions of this size; the header is at the
+// start of the first.
+constexpr int kRegionBytes = 32768;
 
 std::string journal_mode(sqlite3 *db) {
   sqlite3_stmt *s = nullptr;
@@ -43,49 +38,35 @@ void load(const unsigned char *at, WalIndex::Header &out) noexcept {
 
 } // namespace
 
-WalIndex::~WalIndex() {
-  if (map_ != nullptr)
-    ::munmap(const_cast<unsigned char *>(map_), len_);
-}
-
 bool WalIndex::open(sqlite3 *db, std::string &why) {
   std::string mode = journal_mode(db);
   if (mode != "wal") {
     why = "journal mode " + (mode.empty() ? std::string("unknown") : mode) + ", not wal";
     return false;
   }
-  const char *file = sqlite3_db_filename(db, "main");
-  if (file == nullptr || *file == '\0') {
-    why = "no database file";
+  // The connection's own mapping of the index, asked of its file: opening
+  // DB-shm here and closing it again would drop the process's POSIX locks
+  // on it, SQLite's included, and let another process that starts up take
+  // the index for abandoned and truncate it under every mapping.
+  sqlite3_file *file = nullptr;
+  if (sqlite3_file_control(db, "main", SQLITE_FCNTL_FILE_POINTER, &file) != SQLITE_OK ||
+      file == nullptr || file->pMethods == nullptr || file->pMethods->iVersion < 2 ||
+      file->pMethods->xShmMap == nullptr) {
+    why = "the database file offers no shared memory";
     return false;
   }
-  const std::string shm = std::string(file) + "-shm";
-  int fd = ::open(shm.c_str(), O_RDONLY | O_CLOEXEC | O_NOFOLLOW);
-  if (fd < 0) {
-    why = shm + ": " + std::strerror(errno);
+  volatile void *region = nullptr;
+  int rc = file->pMethods->xShmMap(file, 0, kRegionBytes, 0, &region);
+  if (rc != SQLITE_OK || region == nullptr) {
+    why = std::string("no WAL index: ") + sqlite3_errstr(rc);
     return false;
   }
-  struct stat st {};
-  if (::fstat(fd, &st) != 0 || !S_ISREG(st.st_mode) || st.st_size < off_t(kMapped)) {
-    ::close(fd);
-    why = shm + ": not a WAL index";
-    return false;
-  }
-  long page = ::sysconf(_SC_PAGESIZE);
-  len_ = page > 0 ? std::size_t(page) : 4096;
-  void *p = ::mmap(nullptr, len_, PROT_READ, MAP_SHARED, fd, 0);
-  ::close(fd);
-  if (p == MAP_FAILED) {
-    why = shm + ": " + std::strerror(errno);
-    return false;
-  }
-  map_ = static_cast<const unsigned char *>(p);
+  map_ = static_cast<const unsigned char *>(const_cast<void *>(region));
   Header h;
   if (!read(h)) {
     // Our own connection has read the database: SQLite left a valid header.
-    ::munmap(p, len_);
     map_ = nullptr;
-    why = shm + ": no valid WAL index header";
+    why = "no valid WAL index header";
     return false;
   }
   return true;

@@ -13,9 +13,10 @@
 // and the first copy's checksum right. A reader that catches a writer in
 // the middle of its update sees two different copies and must ask SQLite.
 //
-// The mapping stays valid while the owner's connection stays open: SQLite
-// recreates the file only when the last connection of all processes closes,
-// and a connection in WAL mode keeps the database from leaving WAL mode.
+// The mapping read is the connection's own (asked of SQLite, never opened
+// here), so it stays valid while the connection stays open: SQLite recreates
+// the file only when no process has it open, and a connection in WAL mode
+// keeps the database from leaving WAL mode.
 #ifndef HVS_WAL_INDEX_H
 #define HVS_WAL_INDEX_H
 
@@ -36,7 +37,6 @@ public:
   };
 
   WalIndex() = default;
-  ~WalIndex();
   WalIndex(const WalIndex &) = delete;
   WalIndex &operator=(const WalIndex &) = delete;
 
@@ -49,8 +49,7 @@ public:
   bool read(Header &out) const noexcept;
 
 private:
-  const unsigned char *map_ = nullptr;
-  std::size_t len_ = 0;
+  const unsigned char *map_ = nullptr; // SQLite's; it unmaps it
 };
 
 } // namespace hvs
