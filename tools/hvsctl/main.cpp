@@ -21,6 +21,7 @@
 #include "hvs/backend.h"
 #include "hvsadm.h"
 #include "mp.h"
+#include "../common/cli_docs.h"
 #include "command.h"
 #include "hvs_location.h"
 #include "registry_file.h"
@@ -301,6 +302,8 @@ int main(int argc, char **argv) {
 
   // The other commands register themselves from their own files.
   hvsctl::add_families(app);
+  if (int rc = tools::print_docs(app, "hvsctl", HVSCTL_VERSION, argc, argv); rc >= 0)
+    return rc;
 
   try {
     app.parse(argc, argv);
