@@ -18,6 +18,9 @@ set(CPACK_PACKAGE_DESCRIPTION_SUMMARY
   "Reads and updates the configuration of clustered databases in the cluster registry")
 set(CPACK_PACKAGE_CONTACT "libprsr developers <prsr@localhost>")
 set(CPACK_PACKAGING_INSTALL_PREFIX ${CMAKE_INSTALL_PREFIX})
+# The loader's file of a build without run paths lies in /etc: staged
+# through DESTDIR like everything else.
+set(CPACK_SET_DESTDIR ON)
 set(CPACK_GENERATOR DEB)
 set(CPACK_COMPONENTS_ALL runtime dev tools)
 

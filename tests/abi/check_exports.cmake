@@ -1,7 +1,9 @@
-# cmake -DLIBS="lib=map|lib=map..." -DSTATIC=libprsr.a -DSTATIC_LIST=list -P check_exports.cmake
+# cmake -DLIBS="lib=map|lib=map..." -DLIB_DIRS="dir|dir..." -DSTATIC=libprsr.a
+#       -DSTATIC_LIST=list -P check_exports.cmake
 #
-# Every shared library defines exactly the global names of its export list
-# (a version script): nothing internal gets out, nothing listed is missing.
+# Every shared library found under LIB_DIRS has an export list in LIBS, and
+# defines exactly its global names (a version script): nothing internal
+# gets out, nothing listed is missing.
 # The static library's objects define exactly the names of STATIC_LIST as
 # globals: everything else of ours in it is local.
 cmake_minimum_required(VERSION 3.25)
@@ -49,9 +51,12 @@ function(_compare what defined wanted)
 endfunction()
 
 string(REPLACE "|" ";" pairs "${LIBS}")
+set(listed "")
 foreach(pair ${pairs})
   string(REGEX MATCH "^([^=]+)=(.+)$" _ "${pair}")
   set(lib ${CMAKE_MATCH_1})
+  file(REAL_PATH ${lib} real)
+  list(APPEND listed ${real})
   file(READ ${CMAKE_MATCH_2} map)
   # The global names of a version script: comments out, then what stands
   # between "global:" and "local:", one name per ';'.
@@ -63,6 +68,17 @@ foreach(pair ${pairs})
   list(REMOVE_ITEM defined PRSR_1)
   get_filename_component(name ${lib} NAME)
   _compare(${name} "${defined}" "${wanted}")
+endforeach()
+
+string(REPLACE "|" ";" dirs "${LIB_DIRS}")
+foreach(dir ${dirs})
+  file(GLOB_RECURSE found ${dir}/lib*.so ${dir}/lib*.so.*)
+  foreach(f ${found})
+    file(REAL_PATH ${f} real)
+    if(NOT real IN_LIST listed)
+      message(SEND_ERROR "${f}: a shared library without an export list (prsr_export_map)")
+    endif()
+  endforeach()
 endforeach()
 
 if(STATIC)
