@@ -111,9 +111,12 @@ foreach(tool prsrctl hvsctl)
   endforeach()
 endforeach()
 set(completions ${prefix}/share/bash-completion/completions)
-run(bash -c "source ${completions}/hvsctl && source ${completions}/prsrctl &&
-  COMP_WORDS=(hvsctl --registry x im); COMP_CWORD=3; _hvsctl; echo \"\${COMPREPLY[*]}\";
-  COMP_WORDS=(prsrctl config database --); COMP_CWORD=3; _prsrctl; echo \"\${COMPREPLY[*]}\"")
+# (No ';' in the script: CMake would split the argument there.)
+run(bash -c "source ${completions}/hvsctl && source ${completions}/prsrctl || exit 1
+  COMP_WORDS=(hvsctl --registry x im) COMP_CWORD=3
+  _hvsctl && echo \"\${COMPREPLY[*]}\"
+  COMP_WORDS=(prsrctl config database --) COMP_CWORD=3
+  _prsrctl && echo \"\${COMPREPLY[*]}\"")
 if(NOT LAST_OUTPUT MATCHES "^import\n--db --help --json --verbose --registry --version\n$")
   message(FATAL_ERROR "bash completions: ${LAST_OUTPUT}")
 endif()
