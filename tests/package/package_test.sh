@@ -5,7 +5,8 @@
 #          lib/<multiarch>, builds what it installs, makes the Debian packages
 #          in WORK_DIR/debs;
 # install  `cmake --install` of that build into a temporary prefix, then the
-#          client checks of tests/tools/install_example.cmake;
+#          client checks of tests/tools/install_example.cmake; and once more
+#          configured without run paths (PRSR_INSTALL_RPATH=OFF);
 # deb      installs the packages with dpkg, checks what each holds, runs the
 #          client checks against /usr, purges them and checks that dpkg and
 #          every path the packages hold are as they were. Exit 77 (skipped)
@@ -22,7 +23,8 @@ build)
   mkdir -p "$work"
   rm -rf "$work/debs"
   "$cmake" -S "$src" -B "$build" -DCMAKE_INSTALL_PREFIX=/usr -DCMAKE_INSTALL_LIBDIR="$libdir" \
-    -DCMAKE_BUILD_TYPE= -DPRSR_BUILD_TESTS=OFF -DPRSR_BUILD_BENCH=OFF >"$work/configure.log" \
+    -DCMAKE_BUILD_TYPE= -DPRSR_BUILD_TESTS=OFF -DPRSR_BUILD_BENCH=OFF \
+    -DPRSR_INSTALL_RPATH=ON >"$work/configure.log" \
     || { cat "$work/configure.log"; exit 1; }
   "$cmake" --build "$build" --parallel "${CMAKE_BUILD_PARALLEL_LEVEL:-$(nproc)}" >"$work/build.log" 2>&1 \
     || { tail -40 "$work/build.log"; exit 1; }
@@ -30,8 +32,23 @@ build)
     || { cat "$work/cpack.log"; exit 1; }
   exit 0 ;;
 install)
-  exec "$cmake" -DSOURCE_DIR="$src" -DWORK_DIR="$work/install" -DBUILD_DIR="$build" \
-    -DLIBDIR="$libdir" -P "$src/tests/tools/install_example.cmake" ;;
+  "$cmake" -DSOURCE_DIR="$src" -DWORK_DIR="$work/install" -DBUILD_DIR="$build" \
+    -DLIBDIR="$libdir" -P "$src/tests/tools/install_example.cmake"
+  # The same build without run paths: none in any installed program or
+  # library, and the loader's file names the private folder instead.
+  norpath=$work/norpath
+  rm -rf "$norpath"
+  # (Relinked: the first link left room in each file for the run path.)
+  "$cmake" -DPRSR_INSTALL_RPATH=OFF "$build" >/dev/null
+  "$cmake" --build "$build" --parallel "${CMAKE_BUILD_PARALLEL_LEVEL:-$(nproc)}" >"$work/relink.log"
+  DESTDIR=$norpath "$cmake" --install "$build" >/dev/null
+  "$cmake" -DPRSR_INSTALL_RPATH=ON "$build" >/dev/null
+  for f in "$norpath"/usr/bin/* "$norpath/usr/$libdir"/libprsr.so.1 "$norpath/usr/$libdir"/prsr/*.so.1; do
+    if readelf -d "$f" | grep -q 'R.*PATH'; then echo "run path left in $f" >&2; exit 1; fi
+  done
+  conf=$(cat "$norpath/etc/ld.so.conf.d/prsr-$ma.conf")
+  [ "$conf" = "/usr/$libdir/prsr" ] || { echo "ld.so.conf.d file: $conf" >&2; exit 1; }
+  exit 0 ;;
 deb) ;;
 *) echo "package_test.sh: unknown step $step" >&2; exit 2 ;;
 esac
