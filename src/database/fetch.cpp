@@ -3,6 +3,7 @@
 #include <cstring>
 
 #include "database/database.h"
+#include "frame/frame.h"
 #include "registry/registry.h"
 
 using namespace prsr;
@@ -11,51 +12,15 @@ namespace {
 
 constexpr const char *kSelf = "prsr_fetch_db_config";
 
-/* The longest key built from the database name alone is
- * DATABASE.DATABASES.<db>.DB_CLU_ALIAS.IP: 35 bytes besides the name. */
-constexpr size_t kDbKeyOverhead = 35;
-
-/* A record under construction: released as a whole unless handed out. */
-class Record {
-public:
-  Record(lks_status *status, prsr_ctx *ctx) : status_(status), ctx_(ctx) {}
-  ~Record() {
-    if (cfg_ != nullptr)
-      prsr_release_db_config(status_, ctx_, cfg_);
-  }
-  Record(const Record &) = delete;
-  Record &operator=(const Record &) = delete;
-  prsr_cfg **out() { return &cfg_; }
-  prsr_cfg *operator->() const { return cfg_; }
-  prsr_cfg *release() {
-    prsr_cfg *c = cfg_;
-    cfg_ = nullptr;
-    return c;
-  }
-
-private:
-  lks_status *status_;
-  prsr_ctx *ctx_;
-  prsr_cfg *cfg_ = nullptr;
-};
-
 /* What the fetch works with: the session's handles and its reused buffers. */
-struct Work {
-  void *meta;
-  void *hvs;
-  uintptr_t comp;
-  const char *db_key;
-  char *key;   /* kKeyMax */
-  char *value; /* kValueMax */
+struct Work : Call {
+  explicit Work(prsr_ctx *c) : Call(c, kSelf) {}
+  const char *db_key = nullptr;
+  char *key = nullptr;   /* kKeyMax */
+  char *value = nullptr; /* kValueMax */
 
-  int32_t no_memory(uint64_t size) const {
-    trcprintf(comp, 0, "prsr_fetch_db_config: failed to allocate %d bytes",
-              static_cast<int>(size));
-    return PRSR_ERR_MEMORY;
-  }
-  void report(const char *api, int32_t rc) const {
-    prsr_report_hvs_failure(hvs, comp, kSelf, api, rc, key);
-  }
+  /* The report of a failed registry call on the key of the moment. */
+  void failed(const char *api, int32_t rc) const { report(api, rc, key); }
 };
 
 /* How a single value that cannot be had is answered. */
@@ -67,7 +32,7 @@ enum class Missing { Report, Policy };
 int32_t read_single(const Work &w, const char *component, char **field, Missing missing,
                     bool optional_block) {
   std::memset(w.key, 0, kKeyMax);
-  key_build(w.key, {w.db_key, component});
+  KeyParts{w.db_key, component}.write(w.key);
   if (std::strcmp(component, "TERVAN_HOME") == 0)
     trcprintf(w.comp, 4, "prsr_fetch_db_config: name of the TERVAN_HOME key = %s", w.key);
   std::memset(w.value, 0, kValueMax);
@@ -82,14 +47,14 @@ int32_t read_single(const Work &w, const char *component, char **field, Missing 
     return PRSR_SUCCESS;
   }
   if (rc != 0) {
-    w.report("hvsapi_open_key", rc);
+    w.failed("hvsapi_open_key", rc);
     return PRSR_SUCCESS;
   }
   uint32_t type = 0;
   rc = hvsapi_get_value(w.hvs, key.get(), &type, w.value, &len);
   uint64_t size;
   if (rc != 0) {
-    w.report("hvsapi_get_value", rc);
+    w.failed("hvsapi_get_value", rc);
     size = 1;
     *field = static_cast<char *>(u_allocm(w.meta, size));
   } else {
@@ -106,12 +71,12 @@ int32_t read_single(const Work &w, const char *component, char **field, Missing 
  * entries; a later enumeration failure or a failed fill (*fill_rc) ends the
  * fetch. */
 template <class Entry, class Fill>
-int32_t read_branch(const Work &w, char *subkey, Entry ***table, uint32_t *count,
-                    bool count_line, int32_t *fill_rc, Fill fill) {
+int32_t read_branch(const Work &w, char *subkey, Entry ***table, uint32_t *count, bool count_line,
+                    int32_t *fill_rc, Fill fill) {
   OpenKey key(w.hvs);
   int32_t rc = key.open(w.key);
   if (rc != 0) {
-    w.report("hvsapi_open_key", rc);
+    w.failed("hvsapi_open_key", rc);
     return PRSR_SUCCESS;
   }
   std::memset(subkey, 0, kKeyMax);
@@ -124,7 +89,7 @@ int32_t read_branch(const Work &w, char *subkey, Entry ***table, uint32_t *count
   if (rc == HVS_ERR_NO_MORE || (rc == 0 && remaining < 0))
     return PRSR_SUCCESS;
   if (rc != 0) {
-    w.report("hvsapi_enum_subkey", rc);
+    w.failed("hvsapi_enum_subkey", rc);
     return PRSR_SUCCESS;
   }
   uint32_t n = static_cast<uint32_t>(remaining) + 1;
@@ -139,7 +104,7 @@ int32_t read_branch(const Work &w, char *subkey, Entry ***table, uint32_t *count
       int32_t further = 0;
       rc = hvsapi_enum_subkey(w.hvs, key.get(), subkey, &len, &further);
       if (rc != 0) {
-        w.report("hvsapi_enum_subkey", rc);
+        w.failed("hvsapi_enum_subkey", rc);
         return PRSR_ERR_REGISTRY;
       }
     }
@@ -157,13 +122,16 @@ extern "C" PRSR_API int32_t prsr_fetch_db_config(lks_status *status, prsr_ctx *c
     *cfg_out = nullptr;
   if (!session_ok(ctx))
     return PRSR_ERR_SESSION;
-  if (cfg_out == nullptr || !name_fits(db_name, kDbKeyOverhead))
+  /* DB_CLU_ALIAS.IP is the longest key built from the database name alone. */
+  if (cfg_out == nullptr || !keys::database_alias_ip(db_name).fits())
     return PRSR_ERR_ARGUMENT;
-  void *meta = ctx->metactx;
-  uintptr_t comp = ctx->trace_comp;
-  Work w{meta, ctx->hvs_handle, comp, nullptr, nullptr, nullptr};
+  Work w(ctx);
+  void *meta = w.meta;
+  uintptr_t comp = w.comp;
 
-  Record cfg(status, ctx);
+  /* The record under construction: released as a whole unless handed out. */
+  Draft cfg(static_cast<prsr_cfg *>(nullptr),
+            [status, ctx](prsr_cfg *c) { prsr_release_db_config(status, ctx, c); });
   if ((*cfg.out() = static_cast<prsr_cfg *>(u_allocm(meta, sizeof(prsr_cfg)))) == nullptr)
     return w.no_memory(sizeof(prsr_cfg));
   cfg->fetched = 1;
@@ -171,14 +139,15 @@ extern "C" PRSR_API int32_t prsr_fetch_db_config(lks_status *status, prsr_ctx *c
   trcprintf(comp, 4, "prsr_fetch_db_config:initialized memory for prsr_cfg");
 
   size_t n = std::strlen(db_name);
-  Owned<char> db(meta);
-  if ((*db.out() = copy_lower(meta, db_name)) == nullptr)
-    return w.no_memory(n + 1);
-  trcprintf(comp, 4, "prsr_fetch_db_config:length is %d", static_cast<int>(n) + 20);
-  Owned<char> db_key(meta);
-  if (!db_key.allocate(n + 20))
-    return w.no_memory(n + 20);
-  key_join(db_key.get(), {"DATABASE.DATABASES", db.get()});
+  NameCopy db(w);
+  if (!db.lower(db_name))
+    return PRSR_ERR_MEMORY;
+  const KeyParts db_key_parts = keys::database(db.get());
+  trcprintf(comp, 4, "prsr_fetch_db_config:length is %d",
+            static_cast<int>(db_key_parts.block_size()));
+  KeyBlock db_key(w);
+  if (!db_key.build(db_key_parts))
+    return PRSR_ERR_MEMORY;
   w.db_key = db_key.get();
   trcprintf(comp, 4, "prsr_fetch_db_config: DB key is %s", db_key.get());
 
@@ -196,7 +165,7 @@ extern "C" PRSR_API int32_t prsr_fetch_db_config(lks_status *status, prsr_ctx *c
     return PRSR_ERR_NO_KEY;
   }
   if (rc != 0) {
-    prsr_report_hvs_failure(w.hvs, comp, kSelf, "hvsapi_open_key", rc, db_key.get());
+    w.report("hvsapi_open_key", rc, db_key.get());
     return PRSR_ERR_REGISTRY;
   }
   if ((cfg->sp_name = static_cast<char *>(u_allocm(meta, n + 1))) == nullptr)
@@ -205,7 +174,7 @@ extern "C" PRSR_API int32_t prsr_fetch_db_config(lks_status *status, prsr_ctx *c
   uint32_t len = static_cast<uint32_t>(n) + 1;
   rc = read_text(w.hvs, key.get(), &type, cfg->sp_name, &len);
   if (rc != 0) {
-    prsr_report_hvs_failure(w.hvs, comp, kSelf, "hvsapi_get_value", rc, db_key.get());
+    w.report("hvsapi_get_value", rc, db_key.get());
     return PRSR_ERR_REGISTRY;
   }
   trcprintf(comp, 4, "prsr_fetch_db_config: Database service provider(sp) name is %s",
@@ -221,18 +190,18 @@ extern "C" PRSR_API int32_t prsr_fetch_db_config(lks_status *status, prsr_ctx *c
   w.value = value_buf.get();
 
   /* DB_CLU_ALIAS.IP: optional, a missing key is no failure. */
-  key_build(w.key, {db_key.get(), "DB_CLU_ALIAS", "IP"});
+  KeyParts{db_key.get(), "DB_CLU_ALIAS", "IP"}.write(w.key);
   rc = key.open(w.key);
   if (rc == HVS_ERR_NO_KEY) {
     trcprintf(comp, 4, "prsr_fetch_db_config: key %s not found", w.key);
   } else if (rc != 0) {
-    w.report("hvsapi_open_key", rc);
+    w.failed("hvsapi_open_key", rc);
   } else {
     type = 0;
     len = kValueMax;
     rc = hvsapi_get_value(w.hvs, key.get(), &type, w.value, &len);
     if (rc != 0) {
-      w.report("hvsapi_get_value", rc);
+      w.failed("hvsapi_get_value", rc);
     } else if ((cfg->clu_alias_ip = prsr_dup_bytes(meta, w.value, len)) == nullptr) {
       return w.no_memory(uint64_t{len} + 1);
     }
@@ -257,7 +226,7 @@ extern "C" PRSR_API int32_t prsr_fetch_db_config(lks_status *status, prsr_ctx *c
 
   if (!subkey_buf.allocate(kKeyMax))
     return w.no_memory(kKeyMax);
-  key_build(w.key, {db_key.get(), "INSTANCE"});
+  KeyParts{db_key.get(), "INSTANCE"}.write(w.key);
   trcprintf(comp, 4, "prsr_fetch_db_config: Instance KEY = %s\n", w.key);
   int32_t fill_rc = 0;
   rc = read_branch(w, subkey_buf.get(), &cfg->instances, &cfg->instance_count, true, &fill_rc,
@@ -270,7 +239,7 @@ extern "C" PRSR_API int32_t prsr_fetch_db_config(lks_status *status, prsr_ctx *c
   if (rc != 0)
     return rc;
 
-  key_build(w.key, {db_key.get(), "SERVICE"});
+  KeyParts{db_key.get(), "SERVICE"}.write(w.key);
   rc = read_branch(w, subkey_buf.get(), &cfg->services, &cfg->service_count, false, &fill_rc,
                    [&](prsr_service_cfg **slot, const char *sub) {
                      return prsr_fill_service(ctx, db.get(), db_key.get(), slot, sub);
@@ -285,11 +254,11 @@ extern "C" PRSR_API int32_t prsr_fetch_db_config(lks_status *status, prsr_ctx *c
 
   /* ENABLED: anything but "FALSE" is enabled; unreadable stays 0. */
   std::memset(w.key, 0, kKeyMax);
-  key_build(w.key, {db_key.get(), "ENABLED"});
+  KeyParts{db_key.get(), "ENABLED"}.write(w.key);
   trcprintf(comp, 4, "prsr_fetch_db_config: db_key = %s, key_name = %s", db_key.get(), w.key);
   rc = key.open(w.key);
   if (rc != 0) {
-    w.report("hvsapi_open_key", rc);
+    w.failed("hvsapi_open_key", rc);
   } else {
     std::memset(w.value, 0, kValueMax);
     type = 0;
@@ -297,7 +266,7 @@ extern "C" PRSR_API int32_t prsr_fetch_db_config(lks_status *status, prsr_ctx *c
     rc = read_text(w.hvs, key.get(), &type, w.value, &len);
     trcprintf(comp, 4, "prsr_fetch_db_config: value size is : %d", static_cast<int>(len));
     if (rc != 0) {
-      w.report("hvsapi_get_value", rc);
+      w.failed("hvsapi_get_value", rc);
     } else {
       trcprintf(comp, 4, "prsr_fetch_db_config: value is : %s", w.value);
       cfg->enabled = txticmp(w.value, "FALSE") != 0 ? 1 : 0;
@@ -305,7 +274,7 @@ extern "C" PRSR_API int32_t prsr_fetch_db_config(lks_status *status, prsr_ctx *c
     key.close();
   }
 
-  key_build(w.key, {db_key.get(), "ENVIRONMENT"});
+  KeyParts{db_key.get(), "ENVIRONMENT"}.write(w.key);
   prsr_get_multivalues(meta, comp, w.hvs, w.key, &cfg->environment, &cfg->environment_count);
 
   lock.release();
@@ -320,8 +289,7 @@ extern "C" PRSR_API int32_t prsr_release_db_config(lks_status *, prsr_ctx *ctx, 
     return PRSR_SUCCESS;
   void *meta = ctx->metactx;
   for (char **text : {&cfg->sp_name, &cfg->clu_alias_ip, &cfg->tervan_home, &cfg->bootcfg,
-                      &cfg->domain, &cfg->db_name, &cfg->role, &cfg->start_options,
-                      &cfg->policy}) {
+                      &cfg->domain, &cfg->db_name, &cfg->role, &cfg->start_options, &cfg->policy}) {
     if (*text != nullptr)
       u_freem(meta, *text);
     *text = nullptr;

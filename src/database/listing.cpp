@@ -3,13 +3,12 @@
 #include <cstring>
 
 #include "database/database.h"
+#include "frame/frame.h"
 #include "registry/registry.h"
 
 using namespace prsr;
 
-namespace {
-constexpr const char kDatabases[] = "DATABASE.DATABASES";
-} // namespace
+using keys::kDatabases;
 
 extern "C" PRSR_API int32_t prsr_list_db(lks_status *status, prsr_ctx *ctx, char ***list_out,
                                          uint32_t *count_out) {
@@ -43,8 +42,7 @@ extern "C" PRSR_API int32_t prsr_list_db(lks_status *status, prsr_ctx *ctx, char
   }
   /* On a failure the table stays with the caller, its entries NULL from the
    * failing one on. */
-  rc = prsr_get_case_preserved_values(meta, comp, ctx->hvs_handle, kDatabases, names, count,
-                                      table);
+  rc = prsr_get_case_preserved_values(meta, comp, ctx->hvs_handle, kDatabases, names, count, table);
   for (uint32_t i = 0; i < count; ++i)
     if (names[i] != nullptr)
       u_freem(meta, names[i]);
@@ -70,25 +68,21 @@ extern "C" PRSR_API int32_t prsr_release_db_list(lks_status *, prsr_ctx *ctx, ch
 
 namespace {
 
-/* DATABASE.DATABASES.<db>.SERVICE.<srv>.INSTANCES: 38 bytes besides the two
- * names; the keys below it are measured as they are built. */
-constexpr size_t kSrvInstancesOverhead = 38;
-
-/* The three arrays of a service-instance listing while they are built;
- * released as prsr_release_srv_instances does unless handed out. */
+/* The three arrays of a service-instance listing. */
 struct SrvArrays {
-  void *meta;
   uint32_t count = 0;
   char **instances = nullptr;
   char **nodes = nullptr;
   uint32_t *avail = nullptr;
-  ~SrvArrays() {
-    free_texts(meta, instances, count);
-    free_texts(meta, nodes, count);
-    if (avail != nullptr)
-      u_freem(meta, avail);
-  }
 };
+
+/* Frees the arrays as prsr_release_srv_instances does. */
+void free_arrays(void *meta, SrvArrays *a) {
+  free_texts(meta, a->instances, a->count);
+  free_texts(meta, a->nodes, a->count);
+  if (a->avail != nullptr)
+    u_freem(meta, a->avail);
+}
 
 } // namespace
 
@@ -103,16 +97,14 @@ extern "C" PRSR_API int32_t prsr_get_srv_instances(lks_status *status, prsr_ctx 
   if (dbname == nullptr || srvname == nullptr || instances == nullptr || nodes == nullptr ||
       avail == nullptr || count == nullptr)
     return PRSR_ERR_ARGUMENT;
-  size_t db_len = std::strlen(dbname);
-  size_t srv_len = std::strlen(srvname);
-  if (db_len + srv_len + kSrvInstancesOverhead >= kKeyMax)
+  /* The keys below the INSTANCES key are measured as they are built. */
+  if (!keys::service_leaf(dbname, srvname, "INSTANCES").fits())
     return PRSR_ERR_ARGUMENT;
-  void *meta = ctx->metactx;
-  void *hvs = ctx->hvs_handle;
-  uintptr_t comp = ctx->trace_comp;
-  constexpr const char *kSelf = "prsr_get_srv_instances";
-  trcprintf(comp, 4, "prsr_get_srv_instances: List of instances for db %s srv %s", dbname,
-            srvname);
+  Call call(ctx, "prsr_get_srv_instances");
+  void *meta = call.meta;
+  void *hvs = call.hvs;
+  uintptr_t comp = call.comp;
+  trcprintf(comp, 4, "prsr_get_srv_instances: List of instances for db %s srv %s", dbname, srvname);
 
   /* Every failure from here on leaves the caller's arrays NULL. */
   auto fail = [&](int32_t rc) {
@@ -123,35 +115,31 @@ extern "C" PRSR_API int32_t prsr_get_srv_instances(lks_status *status, prsr_ctx 
     return rc;
   };
   auto no_memory = [&](uint64_t size) {
-    trcprintf(comp, 0, "prsr_get_srv_instances: failed to allocate %d bytes",
-              static_cast<int>(size));
+    call.no_memory(size);
     return fail(PRSR_ERR_MEMORY);
   };
-  Owned<char> db(meta);
-  if ((*db.out() = copy_lower(meta, dbname)) == nullptr)
-    return no_memory(db_len + 1);
-  Owned<char> srv(meta);
-  if ((*srv.out() = copy_lower(meta, srvname, 1)) == nullptr)
-    return no_memory(srv_len + 2);
-  size_t replaced = 0;
-  txtreplace(srv.get(), srv_len, srv_len + 2, ".", 1, "*", 1, &replaced);
+  NameCopy db(call), srv(call);
+  if (!db.lower(dbname) || !srv.service(srvname))
+    return fail(PRSR_ERR_MEMORY);
 
   char first[kKeyMax];  /* the INSTANCES key, later the INSTANCE branch */
   char second[kKeyMax]; /* the key of the moment */
   char subkey[kKeyMax];
   char value[kValueMax + 1];
-  key_build(first, {kDatabases, db.get(), "SERVICE", srv.get(), "INSTANCES"});
+  keys::service_leaf(db.get(), srv.get(), "INSTANCES").write(first);
 
   /* Declared before the lock: the walk's key is closed after the release. */
   OpenKey walk(hvs);
-  SrvArrays out{meta};
+  SrvArrays arrays;
+  /* Released as a whole unless handed out. */
+  Draft out(&arrays, [meta](SrvArrays *a) { free_arrays(meta, a); });
   BranchLock lock(ctx);
   if (lock.shared(status, db.get()) != 0)
     return fail(PRSR_ERR_REGISTRY);
 
   int32_t rc = walk.open(first);
   if (rc != 0) {
-    prsr_report_hvs_failure(hvs, comp, kSelf, "hvsapi_open_key", rc, first);
+    call.report("hvsapi_open_key", rc, first);
     return fail(PRSR_ERR_REGISTRY);
   }
   subkey[0] = '\0';
@@ -161,19 +149,19 @@ extern "C" PRSR_API int32_t prsr_get_srv_instances(lks_status *status, prsr_ctx 
   if (rc == HVS_ERR_NO_MORE && remaining < 0)
     return PRSR_SUCCESS; /* no instances: count 0, arrays untouched */
   if (rc != 0) {
-    prsr_report_hvs_failure(hvs, comp, kSelf, "hvsapi_enum_key", rc, first);
+    call.report("hvsapi_enum_key", rc, first);
     return fail(PRSR_ERR_REGISTRY);
   }
 
   uint32_t n = static_cast<uint32_t>(remaining) + 1;
   uint64_t size = uint64_t{n} * sizeof(char *);
-  if ((out.instances = static_cast<char **>(u_allocm(meta, size))) == nullptr)
+  if ((out->instances = static_cast<char **>(u_allocm(meta, size))) == nullptr)
     return no_memory(size);
-  out.count = n;
-  if ((out.nodes = static_cast<char **>(u_allocm(meta, size))) == nullptr)
+  out->count = n;
+  if ((out->nodes = static_cast<char **>(u_allocm(meta, size))) == nullptr)
     return no_memory(size);
   size = uint64_t{n} * sizeof(uint32_t);
-  if ((out.avail = static_cast<uint32_t *>(u_allocm(meta, size))) == nullptr)
+  if ((out->avail = static_cast<uint32_t *>(u_allocm(meta, size))) == nullptr)
     return no_memory(size);
 
   /* Reads the text of `name` into value; 0, or the failure already reported. */
@@ -181,7 +169,7 @@ extern "C" PRSR_API int32_t prsr_get_srv_instances(lks_status *status, prsr_ctx 
   auto read = [&](const char *name) -> int32_t {
     int32_t r = key.open(name);
     if (r != 0) {
-      prsr_report_hvs_failure(hvs, comp, kSelf, "hvsapi_open_key", r, name);
+      call.report("hvsapi_open_key", r, name);
       return PRSR_ERR_REGISTRY;
     }
     std::memset(value, 0, sizeof value);
@@ -190,7 +178,7 @@ extern "C" PRSR_API int32_t prsr_get_srv_instances(lks_status *status, prsr_ctx 
     r = hvsapi_get_value(hvs, key.get(), &type, value, &len);
     key.close();
     if (r != 0) {
-      prsr_report_hvs_failure(hvs, comp, kSelf, "hvsapi_get_value", r, name);
+      call.report("hvsapi_get_value", r, name);
       return PRSR_ERR_REGISTRY;
     }
     return PRSR_SUCCESS;
@@ -205,17 +193,17 @@ extern "C" PRSR_API int32_t prsr_get_srv_instances(lks_status *status, prsr_ctx 
    * walk that ends before every entry has its name is a failure, since the
    * node pass needs a name in each. */
   for (uint32_t i = 0; i < n; ++i) {
-    if (!key_build(second, {first, subkey, "TYPE"}))
+    if (!KeyParts{first, subkey, "TYPE"}.fits())
       return too_long(subkey);
-    key_build(second, {first, subkey});
+    KeyParts{first, subkey}.write(second);
     if (read(second) != 0)
       return fail(PRSR_ERR_REGISTRY);
-    if ((out.instances[i] = prsr_dup_bytes(meta, value, len)) == nullptr)
+    if ((out->instances[i] = prsr_dup_bytes(meta, value, len)) == nullptr)
       return no_memory(uint64_t{len} + 1);
-    key_build(second, {first, subkey, "TYPE"});
+    KeyParts{first, subkey, "TYPE"}.write(second);
     if (read(second) != 0)
       return fail(PRSR_ERR_REGISTRY);
-    out.avail[i] = std::strcmp(value, "AVAILABLE") == 0 ? 1 : 0;
+    out->avail[i] = std::strcmp(value, "AVAILABLE") == 0 ? 1 : 0;
 
     subkey[0] = '\0';
     len = kKeyMax;
@@ -224,38 +212,34 @@ extern "C" PRSR_API int32_t prsr_get_srv_instances(lks_status *status, prsr_ctx 
     if (rc == HVS_ERR_NO_MORE && i + 1 == n)
       break;
     if (rc != 0) {
-      prsr_report_hvs_failure(hvs, comp, kSelf, "hvsapi_enum_subkey", rc, first);
+      call.report("hvsapi_enum_subkey", rc, first);
       return fail(PRSR_ERR_REGISTRY);
     }
   }
 
   /* Node pass: each instance's NODE under the database's INSTANCE branch. */
-  key_build(first, {kDatabases, db.get(), "INSTANCE"});
-  size_t prefix = std::strlen(first);
+  keys::instance_branch(db.get()).write(first);
   for (uint32_t i = 0; i < n; ++i) {
-    const char *inst = out.instances[i];
-    if (prefix + 1 + std::strlen(inst) + 5 + 1 > kKeyMax)
+    const char *inst = out->instances[i];
+    if (!KeyParts{first, inst, "NODE"}.fits())
       return too_long(inst);
-    std::memcpy(second, first, prefix);
-    second[prefix] = '.';
-    txtlower(second + prefix + 1, inst);
-    std::strcat(second, ".NODE");
+    txtlower(subkey, inst); /* the component as stored: lower case */
+    KeyParts{first, subkey, "NODE"}.write(second);
     if (read(second) != 0)
       return fail(PRSR_ERR_REGISTRY);
-    if ((out.nodes[i] = prsr_dup_bytes(meta, value, len)) == nullptr)
+    if ((out->nodes[i] = prsr_dup_bytes(meta, value, len)) == nullptr)
       return no_memory(uint64_t{len} + 1);
     trcprintf(comp, 4, "\tPRSR %d: inst=%s on node %s, avail=%d", static_cast<int>(i), inst,
-              out.nodes[i], static_cast<int>(out.avail[i]));
+              out->nodes[i], static_cast<int>(out->avail[i]));
   }
 
   lock.release();
   walk.close();
-  *instances = out.instances;
-  *nodes = out.nodes;
-  *avail = out.avail;
+  out.release();
+  *instances = arrays.instances;
+  *nodes = arrays.nodes;
+  *avail = arrays.avail;
   *count = n;
-  out.instances = out.nodes = nullptr;
-  out.avail = nullptr;
   return PRSR_SUCCESS;
 }
 

@@ -4,12 +4,13 @@
 #include <cstring>
 
 #include "database/database.h"
+#include "frame/frame.h"
 #include "operations/enabled.h"
 #include "registry/registry.h"
 
 using namespace prsr;
 
-extern "C" void prsr_free_service_entry(void *metactx, prsr_service_cfg *entry) {
+extern "C" PRSR_INTERNAL void prsr_free_service_entry(void *metactx, prsr_service_cfg *entry) {
   if (entry == nullptr)
     return;
   if (entry->service_name != nullptr)
@@ -46,49 +47,29 @@ struct Names {
   }
 };
 
-uint32_t fov_code(const char *v) {
-  if (txticmp(v, "BASIC") == 0)
-    return PRSR_FOV_BASIC;
-  if (txticmp(v, "PRECONNECT") == 0 || txticmp(v, "AVAILABLE") == 0 || txticmp(v, "MUTUAL") == 0)
-    return PRSR_FOV_PRECONNECT;
-  return PRSR_FOV_NONE;
-}
-
 } // namespace
 
-extern "C" int32_t prsr_fill_service(prsr_ctx *ctx, const char *dbname, const char *dbkey,
-                                     prsr_service_cfg **out, const char *srvname) {
-  void *meta = ctx->metactx;
-  void *hvs = ctx->hvs_handle;
-  uintptr_t comp = ctx->trace_comp;
-  trcprintf(comp, 4, "prsr_fill_service: dbname = [%s], dbkey = [%s],  srvname = %s", dbname,
-            dbkey, srvname);
-
-  auto no_memory = [&](uint64_t size) {
-    trcprintf(comp, 0, "prsr_fill_service: failed to allocate %d bytes", static_cast<int>(size));
-    return PRSR_ERR_MEMORY;
-  };
-  Owned<prsr_service_cfg> record(meta);
-  if (!record.allocate(sizeof(prsr_service_cfg)))
-    return no_memory(sizeof(prsr_service_cfg));
-  Owned<char> value(meta);
-  if (!value.allocate(kValueMax))
-    return no_memory(kValueMax);
-  Owned<char> srv_key(meta);
-  if (!srv_key.allocate(kKeyMax))
-    return no_memory(kKeyMax);
-  Owned<char> name(meta);
-  if (!name.allocate(kKeyMax))
-    return no_memory(kKeyMax);
+extern "C" PRSR_INTERNAL int32_t prsr_fill_service(prsr_ctx *ctx, const char *dbname,
+                                                   const char *dbkey, prsr_service_cfg **out,
+                                                   const char *srvname) {
+  Call call(ctx, kSelf);
+  void *meta = call.meta;
+  void *hvs = call.hvs;
+  uintptr_t comp = call.comp;
+  trcprintf(comp, 4, "prsr_fill_service: dbname = [%s], dbkey = [%s],  srvname = %s", dbname, dbkey,
+            srvname);
+  FillBlocks<prsr_service_cfg> b(meta);
+  if (int32_t rc = b.allocate(call))
+    return rc;
+  Owned<prsr_service_cfg> &record = b.entry;
+  Owned<char> &value = b.value, &srv_key = b.entry_key, &name = b.key;
 
   /* <service key>.ENVIRONMENT is the longest key built from the service key
    * alone; the keys of its instances are measured one by one. */
-  if (key_length({dbkey, "SERVICE", srvname, "ENVIRONMENT"}) + 1 > kKeyMax) {
-    trcprintf(comp, 0, "prsr_fill_service: key names of service %s under %s exceed %d bytes",
-              srvname, dbkey, static_cast<int>(kKeyMax));
+  const KeyParts srv_parts{dbkey, "SERVICE", srvname};
+  if (!entry_key(call, srv_key.get(), srv_parts, srv_parts / "ENVIRONMENT", "service", srvname,
+                 dbkey))
     return PRSR_ERR_REGISTRY;
-  }
-  key_build(srv_key.get(), {dbkey, "SERVICE", srvname});
   trcprintf(comp, 4, "prsr_fill_service: srv key name = %s", srv_key.get());
 
   /* Published before anything is read: every later failure leaves it where
@@ -99,24 +80,24 @@ extern "C" int32_t prsr_fill_service(prsr_ctx *ctx, const char *dbname, const ch
   size_t srv_len = std::strlen(srvname);
   e->service_name = static_cast<char *>(u_allocm(meta, srv_len + 1));
   if (e->service_name == nullptr)
-    return no_memory(srv_len + 1);
+    return call.no_memory(srv_len + 1);
   OpenKey key(hvs);
   int32_t rc = key.open(srv_key.get());
   if (rc != 0) {
-    prsr_report_hvs_failure(hvs, comp, kSelf, "hvsapi_open_key", rc, srv_key.get());
+    call.report("hvsapi_open_key", rc, srv_key.get());
     return PRSR_ERR_REGISTRY;
   }
   uint32_t type = 0;
   uint32_t len = static_cast<uint32_t>(srv_len) + 1;
   rc = read_text(hvs, key.get(), &type, e->service_name, &len);
   if (rc != 0) {
-    prsr_report_hvs_failure(hvs, comp, kSelf, "hvsapi_get_value", rc, srv_key.get());
+    call.report("hvsapi_get_value", rc, srv_key.get());
     return PRSR_ERR_REGISTRY;
   }
   key.close();
   trcprintf(comp, 4, "prsr_fill_service: srvcompname = %s", e->service_name);
 
-  key_build(name.get(), {srv_key.get(), "INSTANCES"});
+  KeyParts{srv_key.get(), "INSTANCES"}.write(name.get());
   trcprintf(comp, 4, "prsr_fill_service: key name = [%s]", name.get());
   Names names{meta};
   if (prsr_get_subkeys(meta, comp, hvs, name.get(), &names.subkeys, &names.count) != 0 ||
@@ -126,7 +107,7 @@ extern "C" int32_t prsr_fill_service(prsr_ctx *ctx, const char *dbname, const ch
   uint64_t table_size = uint64_t{names.count} * sizeof(char *);
   names.preserved = static_cast<char **>(u_allocm(meta, table_size));
   if (names.preserved == nullptr)
-    return no_memory(table_size);
+    return call.no_memory(table_size);
   rc = prsr_get_case_preserved_values(meta, comp, hvs, name.get(), names.subkeys, names.count,
                                       names.preserved);
   if (rc != 0) {
@@ -138,14 +119,14 @@ extern "C" int32_t prsr_fill_service(prsr_ctx *ctx, const char *dbname, const ch
   /* TYPE of subkey i, compared byte for byte; a missing key is reported
    * and the instance passed over. */
   auto read_type = [&](uint32_t i, Kind *kind) -> int32_t {
-    if (!key_build(name.get(), {srv_key.get(), "INSTANCES", names.subkeys[i], "TYPE"})) {
+    if (!KeyParts{srv_key.get(), "INSTANCES", names.subkeys[i], "TYPE"}.write(name.get())) {
       trcprintf(comp, 0, "prsr_fill_service: key name of TYPE of %s exceeds %d bytes",
                 names.subkeys[i], static_cast<int>(kKeyMax));
       return PRSR_ERR_REGISTRY;
     }
     int32_t r = key.open(name.get());
     if (r != 0) {
-      prsr_report_hvs_failure(hvs, comp, kSelf, "hvsapi_open_key", r, name.get());
+      call.report("hvsapi_open_key", r, name.get());
       if (r != HVS_ERR_NO_KEY)
         return PRSR_ERR_REGISTRY;
       *kind = Kind::Missing;
@@ -157,7 +138,7 @@ extern "C" int32_t prsr_fill_service(prsr_ctx *ctx, const char *dbname, const ch
     r = read_text(hvs, key.get(), &t, value.get(), &n);
     key.close();
     if (r != 0) {
-      prsr_report_hvs_failure(hvs, comp, kSelf, "hvsapi_get_value", r, name.get());
+      call.report("hvsapi_get_value", r, name.get());
       return PRSR_ERR_REGISTRY;
     }
     *kind = std::strcmp(value.get(), "PREFERRED") == 0   ? Kind::Preferred
@@ -178,21 +159,20 @@ extern "C" int32_t prsr_fill_service(prsr_ctx *ctx, const char *dbname, const ch
 
   uint64_t size = (uint64_t{n_avail} + 1) * sizeof(char *);
   if ((e->avail_instances = static_cast<char **>(u_allocm(meta, size))) == nullptr)
-    return no_memory(size);
+    return call.no_memory(size);
   size = uint64_t{n_avail} * sizeof(uint32_t);
   if ((e->avail_enabled = static_cast<uint32_t *>(u_allocm(meta, size))) == nullptr)
-    return no_memory(size);
+    return call.no_memory(size);
   e->avail_count = n_avail;
   size = (uint64_t{n_pref} + 1) * sizeof(char *);
   if ((e->pref_instances = static_cast<char **>(u_allocm(meta, size))) == nullptr)
-    return no_memory(size);
+    return call.no_memory(size);
   size = uint64_t{n_pref} * sizeof(uint32_t);
   if ((e->pref_enabled = static_cast<uint32_t *>(u_allocm(meta, size))) == nullptr)
-    return no_memory(size);
+    return call.no_memory(size);
   e->pref_count = n_pref;
 
   /* Second pass: move each name into its list and read its flag. */
-  size_t fixed = std::strlen(dbname) + srv_len + 51;
   uint32_t next_pref = 0, next_avail = 0;
   for (uint32_t i = 0; i < names.count; ++i) {
     Kind kind = Kind::Other;
@@ -210,53 +190,39 @@ extern "C" int32_t prsr_fill_service(prsr_ctx *ctx, const char *dbname, const ch
     }
     list[at] = names.preserved[i];
     names.preserved[i] = nullptr;
-    size_t enabled_size = fixed + std::strlen(names.subkeys[i]);
-    Owned<char> enabled_key(meta);
-    if (!enabled_key.allocate(enabled_size))
-      return no_memory(enabled_size);
-    key_join(enabled_key.get(), {"DATABASE.DATABASES", dbname, "SERVICE", srvname, "INSTANCES",
-                                 names.subkeys[i], "ENABLED"});
+    KeyBlock enabled_key(call);
+    if (!enabled_key.build(
+            keys::service_instance_leaf(dbname, srvname, names.subkeys[i], "ENABLED")))
+      return PRSR_ERR_MEMORY;
     prsr_get_enabled_key(ctx, enabled_key.get(), &flags[at]);
   }
   names.clear(); /* names that went into neither list go with it */
 
-  key_build(name.get(), {srv_key.get(), "ENVIRONMENT"});
+  KeyParts{srv_key.get(), "ENVIRONMENT"}.write(name.get());
   prsr_get_multivalues(meta, comp, hvs, name.get(), &e->environment, &e->environment_count);
 
   /* FOVPOLICY: 0 unless read. */
-  key_build(name.get(), {srv_key.get(), "FOVPOLICY"});
+  KeyParts{srv_key.get(), "FOVPOLICY"}.write(name.get());
   rc = key.open(name.get());
   if (rc != 0) {
-    prsr_report_hvs_failure(hvs, comp, kSelf, "hvsapi_open_key", rc, name.get());
+    call.report("hvsapi_open_key", rc, name.get());
   } else {
     std::memset(value.get(), 0, kValueMax);
     type = 0;
     len = kValueMax;
     rc = read_text(hvs, key.get(), &type, value.get(), &len);
     if (rc != 0) {
-      prsr_report_hvs_failure(hvs, comp, kSelf, "hvsapi_get_value", rc, name.get());
+      call.report("hvsapi_get_value", rc, name.get());
     } else {
       if (len < kValueMax)
         value[len] = '\0';
-      e->fov_policy = fov_code(value.get());
+      e->fov_policy = policy_code(value.get());
     }
     key.close();
   }
 
   /* ENABLED of the service: anything but "FALSE" is enabled. */
-  key_build(name.get(), {srv_key.get(), "ENABLED"});
-  rc = key.open(name.get());
-  if (rc != 0) {
-    prsr_report_hvs_failure(hvs, comp, kSelf, "hvsapi_open_key", rc, name.get());
-    return PRSR_SUCCESS;
-  }
-  std::memset(value.get(), 0, kValueMax);
-  type = 0;
-  len = kValueMax;
-  rc = read_text(hvs, key.get(), &type, value.get(), &len);
-  if (rc != 0)
-    prsr_report_hvs_failure(hvs, comp, kSelf, "hvsapi_get_value", rc, name.get());
-  else
-    e->enabled = txticmp(value.get(), "FALSE") != 0 ? 1 : 0;
+  KeyParts{srv_key.get(), "ENABLED"}.write(name.get());
+  read_flag(call, name.get(), value.get(), &e->enabled);
   return PRSR_SUCCESS;
 }

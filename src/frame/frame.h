@@ -1,17 +1,22 @@
 /* frame.h - what every operation of the library is built from: the session
- * check, owned blocks of tagged memory, open keys, key names. */
+ * check, owned blocks of tagged memory, open keys, key names, caller's
+ * names copied for keys, records under construction. */
 #ifndef PRSR_FRAME_FRAME_H
 #define PRSR_FRAME_FRAME_H
 
 #include <cstddef>
 #include <cstdint>
 #include <cstring>
-#include <initializer_list>
 
+#include "frame/keys.h"
+#include "frame/words.h"
 #include "hvsapi.h"
+#include "internal.h"
 #include "prsr.h"
+#include "registry/registry.h"
 #include "trc.h"
 #include "txt.h"
+#include "util/keyname.h"
 #include "util/umem.h"
 
 namespace prsr {
@@ -21,16 +26,14 @@ inline constexpr char kCfgTag[] = "PRSRCFGB";
 inline constexpr char kVlmTag[] = "PRSRCFGA";
 inline constexpr char kNodeappsTag[] = "PRSRCFGC";
 
-/* Fixed work buffers: a key or subkey name with its NUL, and a value. */
-inline constexpr uint32_t kKeyMax = 2048;
-inline constexpr uint32_t kValueMax = 1024;
-
 inline bool session_ok(const prsr_ctx *ctx) {
   return ctx != nullptr && u_check_tag(ctx->tag, kCtxTag) != 0;
 }
 
 /* Low 32 bits of an address, for the "%x" of log lines. */
-inline unsigned addr(const void *p) { return static_cast<unsigned>(reinterpret_cast<uintptr_t>(p)); }
+inline unsigned addr(const void *p) {
+  return static_cast<unsigned>(reinterpret_cast<uintptr_t>(p));
+}
 
 /* A block of tagged memory that the current call owns. */
 template <class T = char> class Owned {
@@ -94,45 +97,141 @@ private:
   void *key_ = nullptr;
 };
 
-/* Length of root and components joined by ".", without the NUL. */
-inline size_t key_length(std::initializer_list<const char *> parts) {
-  size_t n = 0;
-  for (const char *p : parts)
-    n += std::strlen(p) + 1;
-  return parts.size() ? n - 1 : 0;
-}
+/* The start of an operation: the session's handles, and the line that a
+ * failed allocation leaves, under the operation's name. */
+struct Call {
+  Call(prsr_ctx *c, const char *who)
+      : ctx(c), meta(c->metactx), hvs(c->hvs_handle), comp(c->trace_comp), name(who) {}
+  /* For a helper that is handed the handles rather than the session. */
+  Call(void *m, void *h, uintptr_t t, const char *who)
+      : ctx(nullptr), meta(m), hvs(h), comp(t), name(who) {}
+  prsr_ctx *ctx;
+  void *meta;
+  void *hvs;
+  uintptr_t comp;
+  const char *name;
 
-/* Writes root and components joined by "." into dst, which the caller has
- * sized (key_length() + 1). Returns dst. */
-inline char *key_join(char *dst, std::initializer_list<const char *> parts) {
-  char *w = dst;
-  bool first = true;
-  for (const char *p : parts) {
-    if (!first)
-      *w++ = '.';
-    size_t n = std::strlen(p);
-    std::memcpy(w, p, n);
-    w += n;
-    first = false;
+  int32_t no_memory(uint64_t bytes) const {
+    trcprintf(comp, 0, "%s: failed to allocate %d bytes", name, static_cast<int>(bytes));
+    return PRSR_ERR_MEMORY;
   }
-  *w = '\0';
-  return dst;
+  /* The report of a failed registry call on `key`. */
+  void report(const char *api, int32_t code, const char *key) const {
+    prsr_report_hvs_failure(hvs, comp, name, api, code, key);
+  }
+};
+
+/* A block of the current call that, made with the Call, leaves the call's
+ * line when it cannot be allocated; made with the memory context alone, it
+ * fails without a line. size() is the block last asked for. */
+class CallBlock : public Owned<char> {
+public:
+  explicit CallBlock(const Call &call) : Owned(call.meta), call_(&call) {}
+  explicit CallBlock(void *meta) : Owned(meta) {}
+  uint64_t size() const { return size_; }
+
+protected:
+  bool take(uint64_t bytes) {
+    size_ = bytes;
+    if (allocate(bytes))
+      return true;
+    if (call_ != nullptr)
+      call_->no_memory(bytes);
+    return false;
+  }
+
+private:
+  const Call *call_ = nullptr;
+  uint64_t size_ = 0;
+};
+
+/* A caller's name copied for use as a key component, in a block of its
+ * own: lower-cased (strlen + 1 bytes), or as a service name. */
+class NameCopy : public CallBlock {
+public:
+  using CallBlock::CallBlock;
+  bool lower(const char *name) {
+    size_t n = std::strlen(name);
+    if (!take(n + 1))
+      return false;
+    txtnlower(get(), name, n);
+    return true;
+  }
+  /* Lower case with every "." as "*", in a block of strlen + 2 bytes. */
+  bool service(const char *name) {
+    size_t n = std::strlen(name);
+    if (!take(n + 2))
+      return false;
+    txtnlower(get(), name, n);
+    size_t out = 0;
+    txtreplace(get(), n, n + 2, ".", 1, "*", 1, &out);
+    return true;
+  }
+};
+
+/* Frees a text and clears the pointer; NULL is fine. */
+inline void free_text(void *meta, char *&text) {
+  if (text != nullptr)
+    u_freem(meta, text);
+  text = nullptr;
 }
 
-/* Whether a caller's name is present and short enough that a key built from
- * it with `overhead` further bytes still fits a fixed key buffer. */
-inline bool name_fits(const char *name, size_t overhead) {
-  return name != nullptr && std::strlen(name) + overhead < kKeyMax;
+/* Frees a table of texts with `count` slots (NULL slots skipped) and the
+ * table itself; NULL is fine. */
+inline void free_texts(void *meta, char **table, uint32_t count) {
+  if (table == nullptr)
+    return;
+  for (uint32_t i = 0; i < count; ++i)
+    if (table[i] != nullptr)
+      u_freem(meta, table[i]);
+  u_freem(meta, table);
 }
 
-/* Copies a caller's name into a fresh zero-filled block of strlen + 1 +
- * extra bytes, lower-cased. NULL when memory is exhausted. */
-inline char *copy_lower(void *meta, const char *name, size_t extra = 0) {
-  size_t n = std::strlen(name);
-  auto *p = static_cast<char *>(u_allocm(meta, n + 1 + extra));
-  if (p != nullptr)
-    txtnlower(p, name, n);
-  return p;
+/* A key name in a block of its own: the block its parts ask for, or the
+ * fixed `block` bytes an operation works in. The text is written at once. */
+class KeyBlock : public CallBlock {
+public:
+  using CallBlock::CallBlock;
+  bool build(const KeyParts &parts, uint64_t block = 0) {
+    if (!take(block != 0 ? block : parts.block_size()))
+      return false;
+    parts.write(get(), size());
+    return true;
+  }
+};
+
+/* A record under construction, given up with `drop` on every exit unless
+ * handed over (release()). */
+template <class T, class Drop> class Draft {
+public:
+  Draft(T *record, Drop drop) : p_(record), drop_(drop) {}
+  ~Draft() {
+    if (p_ != nullptr)
+      drop_(p_);
+  }
+  Draft(const Draft &) = delete;
+  Draft &operator=(const Draft &) = delete;
+  T **out() { return &p_; }
+  T *get() const { return p_; }
+  T *operator->() const { return p_; }
+  T *release() {
+    T *p = p_;
+    p_ = nullptr;
+    return p;
+  }
+
+private:
+  T *p_;
+  Drop drop_;
+};
+
+/* The number of a failover policy word (words.h), in any case;
+ * PRSR_FOV_NONE for any other text. */
+inline uint32_t policy_code(const char *text) {
+  for (const PolicyWord &p : kPolicyWords)
+    if (txticmp(text, p.word) == 0)
+      return p.code;
+  return PRSR_FOV_NONE;
 }
 
 /* hvsapi_get_value into a fixed buffer that is later used as text: a value

@@ -19,7 +19,7 @@ bool private_range(int a, int b) {
 
 } // namespace
 
-extern "C" int32_t prsr_classify_network(const prsr_net_iface *iface) {
+extern "C" PRSR_INTERNAL int32_t prsr_classify_network(const prsr_net_iface *iface) {
   if (iface == nullptr)
     return PRSR_NET_UNKNOWN;
   if (iface->private_flag == 1)
@@ -39,7 +39,7 @@ extern "C" int32_t prsr_classify_network(const prsr_net_iface *iface) {
   return private_range(a, b) ? PRSR_NET_PRIVATE : PRSR_NET_UNKNOWN;
 }
 
-extern "C" const char *prsr_net_class_word(int32_t cls) {
+extern "C" PRSR_INTERNAL const char *prsr_net_class_word(int32_t cls) {
   static const char *const words[] = {"UNKNOWN", "PRIVATE", "PUBLIC", "LOCAL"};
   if (cls < 0 || cls >= static_cast<int32_t>(sizeof words / sizeof words[0]))
     return words[0];

@@ -9,16 +9,6 @@ using namespace prsr;
 
 namespace {
 
-/* "DATABASE.NODEAPPS", ".", the node, ".", and the longest leaf words
- * (VIP.INTERFACES): what the fixed key buffer must hold. */
-constexpr size_t kLeafOverhead = 17 + 1 + 1 + 14;
-
-void free_text(void *meta, char *&text) {
-  if (text != nullptr)
-    u_freem(meta, text);
-  text = nullptr;
-}
-
 /* Frees a record and everything it points to. */
 void free_nodeapps(void *meta, prsr_nodeapps_cfg *cfg) {
   free_text(meta, cfg->node_name);
@@ -26,13 +16,7 @@ void free_nodeapps(void *meta, prsr_nodeapps_cfg *cfg) {
   free_text(meta, cfg->vip);
   free_text(meta, cfg->interfaces);
   free_text(meta, cfg->netmask);
-  if (cfg->environment != nullptr)
-    for (uint32_t i = 0; i < cfg->environment_count; ++i)
-      free_text(meta, cfg->environment[i]);
-  cfg->environment_count = 0;
-  if (cfg->environment != nullptr)
-    u_freem(meta, cfg->environment);
-  cfg->environment = nullptr;
+  free_texts(meta, cfg->environment, cfg->environment_count);
   u_freem(meta, cfg);
 }
 
@@ -40,9 +24,8 @@ void free_nodeapps(void *meta, prsr_nodeapps_cfg *cfg) {
  * buffers through which the optional values are read. */
 class Reader {
 public:
-  Reader(prsr_ctx *ctx, const char *entry, char *key, char *value)
-      : ctx_(ctx), hvs_(ctx->hvs_handle), comp_(ctx->trace_comp), entry_(entry), key_(key),
-        value_(value) {}
+  Reader(const Call &call, const char *entry, char *key, char *value)
+      : call_(call), hvs_(call.hvs), comp_(call.comp), entry_(entry), key_(key), value_(value) {}
 
   /* Reads entry.<leaf> into *field. A key that does not open leaves the
    * field NULL; one that opens but does not read gives the empty text.
@@ -53,8 +36,7 @@ public:
     OpenKey key(hvs_);
     int32_t rc = key.open(key_);
     if (rc != 0) {
-      prsr_report_hvs_failure(hvs_, comp_, "prsr_fetch_nodeapps_config", "hvsapi_open_key", rc,
-                              key_);
+      call_.report("hvsapi_open_key", rc, key_);
       return PRSR_SUCCESS;
     }
     uint32_t len = 0;
@@ -72,10 +54,7 @@ public:
 private:
   void build(const char *leaf, const char *sub) {
     std::memset(key_, 0, kKeyMax);
-    if (sub != nullptr)
-      key_join(key_, {entry_, leaf, sub});
-    else
-      key_join(key_, {entry_, leaf});
+    (sub != nullptr ? KeyParts{entry_, leaf, sub} : KeyParts{entry_, leaf}).join(key_);
   }
 
   /* Reads the open key's value into the value buffer; reports a failure. */
@@ -85,8 +64,7 @@ private:
     *len = kValueMax;
     int32_t rc = hvsapi_get_value(hvs_, key.get(), &type, value_, len);
     if (rc != 0) {
-      prsr_report_hvs_failure(hvs_, comp_, "prsr_fetch_nodeapps_config", "hvsapi_get_value", rc,
-                              key_);
+      call_.report("hvsapi_get_value", rc, key_);
       return false;
     }
     return true;
@@ -94,16 +72,11 @@ private:
 
   /* The field as the first len bytes of the value buffer and a NUL. */
   int32_t store(char **field, uint32_t len) {
-    *field = prsr_dup_bytes(ctx_->metactx, value_, len);
-    if (*field == nullptr) {
-      trcprintf(comp_, 0, "prsr_fetch_nodeapps_config: failed to allocate %d bytes",
-                static_cast<int>(len) + 1);
-      return PRSR_ERR_MEMORY;
-    }
-    return PRSR_SUCCESS;
+    *field = prsr_dup_bytes(call_.meta, value_, len);
+    return *field != nullptr ? PRSR_SUCCESS : call_.no_memory(uint64_t{len} + 1);
   }
 
-  prsr_ctx *ctx_;
+  const Call &call_;
   void *hvs_;
   uintptr_t comp_;
   const char *entry_;
@@ -120,86 +93,70 @@ extern "C" PRSR_API int32_t prsr_fetch_nodeapps_config(lks_status *status, prsr_
     *cfg_out = nullptr;
   if (!session_ok(ctx))
     return PRSR_ERR_SESSION;
-  if (cfg_out == nullptr || node == nullptr || node[0] == '\0' || !name_fits(node, kLeafOverhead))
+  /* VIP.INTERFACES is the longest leaf read. */
+  if (cfg_out == nullptr || node == nullptr || node[0] == '\0' ||
+      !(keys::nodeapps_entry(node) / "VIP.INTERFACES").fits())
     return PRSR_ERR_ARGUMENT;
-  void *meta = ctx->metactx;
-  void *hvs = ctx->hvs_handle;
-  uintptr_t comp = ctx->trace_comp;
-  auto no_memory = [comp](size_t size) {
-    trcprintf(comp, 0, "prsr_fetch_nodeapps_config: failed to allocate %d bytes",
-              static_cast<int>(size));
-    return PRSR_ERR_MEMORY;
-  };
+  Call call(ctx, "prsr_fetch_nodeapps_config");
+  void *meta = call.meta;
+  void *hvs = call.hvs;
+  uintptr_t comp = call.comp;
   size_t n = std::strlen(node);
 
-  Owned<char> copy(meta);
-  if ((*copy.out() = copy_lower(meta, node)) == nullptr)
-    return no_memory(n + 1);
+  NameCopy copy(call);
+  if (!copy.lower(node))
+    return PRSR_ERR_MEMORY;
 
-  auto *cfg = static_cast<prsr_nodeapps_cfg *>(u_allocm(meta, sizeof(prsr_nodeapps_cfg)));
-  if (cfg == nullptr)
-    return no_memory(sizeof(prsr_nodeapps_cfg));
-  std::memset(cfg, 0, sizeof *cfg);
-  u_set_tag(cfg->tag, kNodeappsTag);
-  cfg->fetched = 1;
-  *cfg_out = cfg;
-  /* Whatever ends the call with a nonzero result gives the record up. */
-  int32_t rc = PRSR_SUCCESS;
-  struct Handout {
-    void *meta;
-    prsr_nodeapps_cfg **out;
-    const int32_t &rc;
-    ~Handout() {
-      if (rc != PRSR_SUCCESS && *out != nullptr) {
-        free_nodeapps(meta, *out);
-        *out = nullptr;
-      }
-    }
-  } handout{meta, cfg_out, rc};
+  auto *raw = static_cast<prsr_nodeapps_cfg *>(u_allocm(meta, sizeof(prsr_nodeapps_cfg)));
+  if (raw == nullptr)
+    return call.no_memory(sizeof(prsr_nodeapps_cfg));
+  std::memset(raw, 0, sizeof *raw);
+  u_set_tag(raw->tag, kNodeappsTag);
+  raw->fetched = 1;
+  /* Whatever ends the call before the hand-over gives the record up. */
+  Draft cfg(raw, [meta](prsr_nodeapps_cfg *c) { free_nodeapps(meta, c); });
 
-  Owned<char> entry(meta);
-  if (!entry.allocate(n + 19))
-    return rc = no_memory(n + 19);
-  key_join(entry.get(), {"DATABASE.NODEAPPS", copy.get()});
+  KeyBlock entry(call);
+  if (!entry.build(keys::nodeapps_entry(copy.get())))
+    return PRSR_ERR_MEMORY;
 
   /* Declared before the lock: on a failed read of the entry the key is
    * closed after the lock has gone back. */
   OpenKey key(hvs);
   BranchLock lock(ctx);
-  if ((rc = lock.nodeapps(status, copy.get())) != PRSR_SUCCESS)
+  int32_t rc = lock.nodeapps(status, copy.get());
+  if (rc != PRSR_SUCCESS)
     return rc;
 
   int32_t hrc = key.open(entry.get());
   if (hrc == HVS_ERR_NO_KEY) {
     trcprintf(comp, 4, "prsr_fetch_nodeapps_config: %s Key does not exist", entry.get());
-    return rc = PRSR_ERR_NO_NODEAPPS;
+    return PRSR_ERR_NO_NODEAPPS;
   }
   if (hrc != 0) {
-    prsr_report_hvs_failure(hvs, comp, "prsr_fetch_nodeapps_config", "hvsapi_open_key", hrc,
-                            entry.get());
-    return rc = PRSR_ERR_REGISTRY;
+    call.report("hvsapi_open_key", hrc, entry.get());
+    return PRSR_ERR_REGISTRY;
   }
   /* The stored name has the length of the key component. */
   if ((cfg->node_name = static_cast<char *>(u_allocm(meta, n + 1))) == nullptr)
-    return rc = no_memory(n + 1);
+    return call.no_memory(n + 1);
   uint32_t type = 0;
   uint32_t len = static_cast<uint32_t>(n) + 1;
   hrc = read_text(hvs, key.get(), &type, cfg->node_name, &len);
   if (hrc != 0) {
-    prsr_report_hvs_failure(hvs, comp, "prsr_fetch_nodeapps_config", "hvsapi_get_value", hrc,
-                            entry.get());
-    return rc = PRSR_ERR_REGISTRY;
+    call.report("hvsapi_get_value", hrc, entry.get());
+    return PRSR_ERR_REGISTRY;
   }
   key.close();
 
   Owned<char> key_buf(meta);
   if (!key_buf.allocate(kKeyMax))
-    return rc = no_memory(kKeyMax);
+    return call.no_memory(kKeyMax);
   Owned<char> value_buf(meta);
   if (!value_buf.allocate(kValueMax))
-    return rc = no_memory(kValueMax);
+    return call.no_memory(kValueMax);
 
-  Reader reader(ctx, entry.get(), key_buf.get(), value_buf.get());
+  Reader reader(call, entry.get(), key_buf.get(), value_buf.get());
   if ((rc = reader.optional("TERVAN_HOME", &cfg->tervan_home)) != PRSR_SUCCESS ||
       (rc = reader.optional("VIP", &cfg->vip, true)) != PRSR_SUCCESS ||
       (rc = reader.optional("VIP.NETMASK", &cfg->netmask)) != PRSR_SUCCESS ||
@@ -207,10 +164,12 @@ extern "C" PRSR_API int32_t prsr_fetch_nodeapps_config(lks_status *status, prsr_
     return rc;
 
   std::memset(key_buf.get(), 0, kKeyMax);
-  key_join(key_buf.get(), {entry.get(), "ENVIRONMENT"});
+  KeyParts{entry.get(), "ENVIRONMENT"}.join(key_buf.get());
   rc = prsr_get_multivalues(meta, comp, hvs, key_buf.get(), &cfg->environment,
                             &cfg->environment_count);
   lock.release();
+  if (rc == PRSR_SUCCESS)
+    *cfg_out = cfg.release();
   return rc;
 }
 

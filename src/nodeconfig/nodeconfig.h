@@ -1,10 +1,12 @@
 /* nodeconfig.h - internal declarations of the storage-manager and node
- * applications readers: the network classifier. It depends on nothing in
- * the library (no session, registry, memory or trace), so a tool may build
- * it in as it stands. */
+ * applications readers: the network classifier. Internal (see internal.h).
+ * It depends on nothing in the library (no session, registry, memory or
+ * trace), so a tool may build it in as it stands. */
 #ifndef PRSR_NODECONFIG_NODECONFIG_H
 #define PRSR_NODECONFIG_NODECONFIG_H
 #include <stdint.h>
+
+#include "internal.h"
 
 #ifdef __cplusplus
 extern "C" {
@@ -29,11 +31,11 @@ typedef struct prsr_net_iface {
 
 /* The class of an interface: PRSR_NET_UNKNOWN, _PRIVATE or _PUBLIC. An
  * address that does not begin with two dotted numbers gives UNKNOWN. */
-int32_t prsr_classify_network(const prsr_net_iface *iface);
+PRSR_INTERNAL int32_t prsr_classify_network(const prsr_net_iface *iface);
 
 /* The constant word of a class ("UNKNOWN", "PRIVATE", "PUBLIC", "LOCAL");
  * "UNKNOWN" for any other number. */
-const char *prsr_net_class_word(int32_t cls);
+PRSR_INTERNAL const char *prsr_net_class_word(int32_t cls);
 
 #ifdef __cplusplus
 }

@@ -6,31 +6,12 @@
 #include "frame/frame.h"
 #include "lks.h"
 #include "operations/enabled.h"
+#include "operations/points.h"
 #include "registry/registry.h"
 
 using namespace prsr;
 
 namespace {
-
-/* "DATABASE.VLM" and the two separators of the entry key. */
-constexpr size_t kEntryOverhead = 12 + 2;
-/* The entry key, ".", and the longest leaf word (START_OPTIONS). */
-constexpr size_t kLeafOverhead = kEntryOverhead + 1 + 13;
-/* The entry key, ".ENABLED". */
-constexpr size_t kEnabledOverhead = kEntryOverhead + 8;
-
-/* Whether both names are given and a key built from them with `overhead`
- * further bytes still fits a fixed key buffer with its NUL. */
-bool names_fit(const char *first, const char *second, size_t overhead) {
-  return first != nullptr && second != nullptr &&
-         std::strlen(first) + std::strlen(second) + overhead < kKeyMax;
-}
-
-void free_text(void *meta, char *&text) {
-  if (text != nullptr)
-    u_freem(meta, text);
-  text = nullptr;
-}
 
 /* Frees a record and everything it points to. */
 void free_vlm(void *meta, prsr_vlm_cfg *cfg) {
@@ -38,29 +19,17 @@ void free_vlm(void *meta, prsr_vlm_cfg *cfg) {
   free_text(meta, cfg->tervan_home);
   free_text(meta, cfg->start_options);
   free_text(meta, cfg->version);
-  if (cfg->environment != nullptr) {
-    for (uint32_t i = 0; i < cfg->environment_count; ++i)
-      free_text(meta, cfg->environment[i]);
-    u_freem(meta, cfg->environment);
-    cfg->environment = nullptr;
-  }
+  free_texts(meta, cfg->environment, cfg->environment_count);
   u_freem(meta, cfg);
 }
 
-/* The two lower-cased name copies of the storage-manager operations. */
+/* The two lower-cased name copies of the storage-manager operations, made
+ * first first. */
 struct VlmNames {
-  Owned<char> first, second;
-  explicit VlmNames(void *meta) : first(meta), second(meta) {}
-
-  /* Copies both names, first first. Returns 0, or the size of the block
-   * that could not be allocated. */
-  size_t copy(void *meta, const char *a, const char *b) {
-    if ((*first.out() = copy_lower(meta, a)) == nullptr)
-      return std::strlen(a) + 1;
-    if ((*second.out() = copy_lower(meta, b)) == nullptr)
-      return std::strlen(b) + 1;
-    return 0;
-  }
+  explicit VlmNames(const Call &call) : first(call), second(call) {}
+  bool copy(const char *a, const char *b) { return first.lower(a) && second.lower(b); }
+  KeyParts entry() const { return keys::vlm_entry(first.get(), second.get()); }
+  NameCopy first, second;
 };
 
 } // namespace
@@ -72,73 +41,53 @@ extern "C" PRSR_API int32_t prsr_fetch_vlm_config(lks_status *status, prsr_ctx *
     *cfg_out = nullptr;
   if (!session_ok(ctx))
     return PRSR_ERR_SESSION;
-  if (cfg_out == nullptr || !names_fit(first, second, kLeafOverhead))
+  /* START_OPTIONS is the longest leaf word read. */
+  if (cfg_out == nullptr || !(keys::vlm_entry(first, second) / "START_OPTIONS").fits())
     return PRSR_ERR_ARGUMENT;
-  void *meta = ctx->metactx;
-  void *hvs = ctx->hvs_handle;
-  uintptr_t comp = ctx->trace_comp;
-  auto no_memory = [comp](size_t size) {
-    trcprintf(comp, 0, "prsr_fetch_vlm_config: failed to allocate %d bytes",
-              static_cast<int>(size));
+  Call call(ctx, "prsr_fetch_vlm_config");
+  void *meta = call.meta;
+  void *hvs = call.hvs;
+  uintptr_t comp = call.comp;
+
+  VlmNames names(call);
+  if (!names.copy(first, second))
     return PRSR_ERR_MEMORY;
-  };
 
-  VlmNames names(meta);
-  if (size_t failed = names.copy(meta, first, second))
-    return no_memory(failed);
+  auto *raw = static_cast<prsr_vlm_cfg *>(u_allocm(meta, sizeof(prsr_vlm_cfg)));
+  if (raw == nullptr)
+    return call.no_memory(sizeof(prsr_vlm_cfg));
+  std::memset(raw, 0, sizeof *raw);
+  u_set_tag(raw->tag, kVlmTag);
+  /* Whatever ends the call before the hand-over gives the record up. */
+  Draft cfg(raw, [meta](prsr_vlm_cfg *c) { free_vlm(meta, c); });
 
-  auto *cfg = static_cast<prsr_vlm_cfg *>(u_allocm(meta, sizeof(prsr_vlm_cfg)));
-  if (cfg == nullptr)
-    return no_memory(sizeof(prsr_vlm_cfg));
-  std::memset(cfg, 0, sizeof *cfg);
-  u_set_tag(cfg->tag, kVlmTag);
-  *cfg_out = cfg;
-  /* Whatever ends the call with a nonzero result gives the record up. */
-  int32_t rc = PRSR_SUCCESS;
-  struct Handout {
-    void *meta;
-    prsr_vlm_cfg **out;
-    const int32_t &rc;
-    ~Handout() {
-      if (rc != PRSR_SUCCESS && *out != nullptr) {
-        free_vlm(meta, *out);
-        *out = nullptr;
-      }
-    }
-  } handout{meta, cfg_out, rc};
-
-  size_t entry_size = std::strlen(names.first.get()) + std::strlen(names.second.get()) + 15;
-  Owned<char> entry(meta);
-  if (!entry.allocate(entry_size))
-    return rc = no_memory(entry_size);
-  key_join(entry.get(), {"DATABASE.VLM", names.first.get(), names.second.get()});
+  KeyBlock entry(call);
+  if (!entry.build(names.entry()))
+    return PRSR_ERR_MEMORY;
 
   /* The entry must exist; this is asked before the lock and not again. */
   {
     OpenKey key(hvs);
     int32_t hrc = key.open(entry.get());
     if (hrc == HVS_ERR_NO_KEY)
-      return rc = PRSR_ERR_NO_VLM;
+      return PRSR_ERR_NO_VLM;
     if (hrc != 0) {
-      prsr_report_hvs_failure(hvs, comp, "prsr_fetch_vlm_config", "hvsapi_open_key", hrc,
-                              entry.get());
-      return rc = PRSR_ERR_REGISTRY;
+      call.report("hvsapi_open_key", hrc, entry.get());
+      return PRSR_ERR_REGISTRY;
     }
   }
 
-  size_t lock_size = std::strlen(entry.get()) + 11;
-  Owned<char> lock_name(meta);
-  if (!lock_name.allocate(lock_size))
-    return rc = no_memory(lock_size);
-  key_join(lock_name.get(), {"FLTM.VLM", entry.get()});
+  KeyBlock lock_name(call);
+  if (!lock_name.build(keys::vlm_lock(entry.get())))
+    return PRSR_ERR_MEMORY;
   Owned<char> work(meta);
   if (!work.allocate(kKeyMax))
-    return rc = no_memory(kKeyMax);
+    return call.no_memory(kKeyMax);
 
   /* This lock goes back with the caller's status record, and a failed
    * release fails the fetch, so it is not held through BranchLock. */
   if (lksshrlock(status, ctx->lock_handle, lock_name.get()) != 0)
-    return rc = PRSR_ERR_LOCK;
+    return PRSR_ERR_LOCK;
 
   struct Leaf {
     const char *word;
@@ -149,25 +98,27 @@ extern "C" PRSR_API int32_t prsr_fetch_vlm_config(lks_status *status, prsr_ctx *
                 {"VERSION", &cfg->version}};
   for (const Leaf &leaf : leaves) {
     std::memset(work.get(), 0, kKeyMax);
-    key_join(work.get(), {entry.get(), leaf.word});
+    KeyParts{entry.get(), leaf.word}.join(work.get());
     /* A value that cannot be read has been reported inside; the field keeps
      * what the reader left there (an empty text, or NULL without memory). */
     prsr_open_get_value(ctx, hvs, work.get(), leaf.field);
   }
 
   std::memset(work.get(), 0, kKeyMax);
-  key_join(work.get(), {entry.get(), "ENVIRONMENT"});
-  rc =
+  KeyParts{entry.get(), "ENVIRONMENT"}.join(work.get());
+  int32_t rc =
       prsr_get_multivalues(meta, comp, hvs, work.get(), &cfg->environment, &cfg->environment_count);
   if (rc == PRSR_SUCCESS) {
     std::memset(work.get(), 0, kKeyMax);
-    key_join(work.get(), {entry.get(), "ENABLED"});
+    KeyParts{entry.get(), "ENABLED"}.join(work.get());
     /* A missing or unreadable flag is reported inside and stays 0. */
     prsr_get_enabled_key(ctx, work.get(), &cfg->enabled);
   }
 
   if (lksunlock(status, ctx->lock_handle, lock_name.get()) != 0)
     rc = PRSR_ERR_LOCK;
+  if (rc == PRSR_SUCCESS)
+    *cfg_out = cfg.release();
   return rc;
 }
 
@@ -185,23 +136,13 @@ extern "C" PRSR_API int32_t prsr_get_vlm_enabled(lks_status *, prsr_ctx *ctx, co
                                                  const char *second, uint32_t *enabled) {
   if (!session_ok(ctx))
     return PRSR_ERR_SESSION;
-  if (enabled == nullptr || !names_fit(first, second, kEnabledOverhead))
+  if (enabled == nullptr || !(keys::vlm_entry(first, second) / "ENABLED").fits())
     return PRSR_ERR_ARGUMENT;
-  void *meta = ctx->metactx;
-  uintptr_t comp = ctx->trace_comp;
-  auto no_memory = [comp](uint64_t bytes) {
-    trcprintf(comp, 0, "prsr_get_vlm_enabled: failed to allocate %d bytes",
-              static_cast<int>(bytes));
+  Call call(ctx, "prsr_get_vlm_enabled");
+  VlmNames names(call);
+  KeyBlock key(call);
+  if (!names.copy(first, second) || !key.build(names.entry() / "ENABLED", kKeyMax))
     return PRSR_ERR_MEMORY;
-  };
-
-  VlmNames names(meta);
-  if (size_t failed = names.copy(meta, first, second))
-    return no_memory(failed);
-  Owned<char> key(meta);
-  if (!key.allocate(kKeyMax))
-    return no_memory(kKeyMax);
-  key_join(key.get(), {"DATABASE.VLM", names.first.get(), names.second.get(), "ENABLED"});
   int32_t rc = prsr_get_enabled_key(ctx, key.get(), enabled);
   /* A missing entry reads as missing, as in the fetch. */
   return rc == PRSR_ERR_NO_KEY ? PRSR_ERR_NO_VLM : rc;
@@ -212,41 +153,21 @@ extern "C" PRSR_API int32_t prsr_get_vlm_name(lks_status *, prsr_ctx *ctx, const
   if (!session_ok(ctx))
     return PRSR_ERR_SESSION;
   /* The first byte of the buffer is written on every path past the open. */
-  if (name == nullptr || size == 0 || !names_fit(first, second, kEntryOverhead))
+  if (name == nullptr || size == 0 || !keys::vlm_entry(first, second).fits())
     return PRSR_ERR_ARGUMENT;
-  void *meta = ctx->metactx;
-  void *hvs = ctx->hvs_handle;
-  uintptr_t comp = ctx->trace_comp;
-  auto no_memory = [comp](uint64_t bytes) {
-    trcprintf(comp, 0, "prsr_get_vlm_name: failed to allocate %d bytes", static_cast<int>(bytes));
+  Call call(ctx, "prsr_get_vlm_name");
+  VlmNames names(call);
+  KeyBlock entry(call);
+  if (!names.copy(first, second) || !entry.build(names.entry(), kKeyMax))
     return PRSR_ERR_MEMORY;
-  };
 
-  VlmNames names(meta);
-  if (size_t failed = names.copy(meta, first, second))
-    return no_memory(failed);
-  Owned<char> entry(meta);
-  if (!entry.allocate(kKeyMax))
-    return no_memory(kKeyMax);
-  key_join(entry.get(), {"DATABASE.VLM", names.first.get(), names.second.get()});
-
-  OpenKey key(hvs);
+  OpenKey key(call.hvs);
   int32_t rc = key.open(entry.get());
   if (rc != 0) {
-    prsr_report_hvs_failure(hvs, comp, "prsr_get_vlm_name", "hvsapi_open_key", rc, entry.get());
+    call.report("hvsapi_open_key", rc, entry.get());
     return rc == HVS_ERR_NO_KEY ? PRSR_ERR_NO_VLM : PRSR_ERR_REGISTRY;
   }
-  Owned<char> value(meta);
-  rc = prsr_open_get_value(ctx, hvs, entry.get(), value.out());
-  if (rc != PRSR_SUCCESS) {
-    name[0] = '\0';
-    return rc;
-  }
-  size_t n = std::strlen(value.get());
-  if (n >= size) {
-    name[0] = '\0';
-    return PRSR_ERR_ARGUMENT;
-  }
-  std::memcpy(name, value.get(), n + 1);
-  return PRSR_SUCCESS;
+  Owned<char> value(call.meta);
+  rc = prsr_open_get_value(ctx, call.hvs, entry.get(), value.out());
+  return deliver_name(rc, value.get(), size, name);
 }

@@ -8,8 +8,8 @@
 
 using namespace prsr;
 
-extern "C" int32_t prsr_get_enabled_key(prsr_ctx *ctx, const char *key_name,
-                                        uint32_t *enabled_out) {
+extern "C" PRSR_INTERNAL int32_t prsr_get_enabled_key(prsr_ctx *ctx, const char *key_name,
+                                                      uint32_t *enabled_out) {
   void *hvs = ctx->hvs_handle;
   uintptr_t comp = ctx->trace_comp;
   trcprintf(comp, 4, "prsr_get_enabled_key: ENETERED FUNCTION %s", key_name);
@@ -35,7 +35,8 @@ extern "C" int32_t prsr_get_enabled_key(prsr_ctx *ctx, const char *key_name,
   return PRSR_SUCCESS;
 }
 
-extern "C" int32_t prsr_set_enabled_key(prsr_ctx *ctx, const char *key_name, uint32_t enabled) {
+extern "C" PRSR_INTERNAL int32_t prsr_set_enabled_key(prsr_ctx *ctx, const char *key_name,
+                                                      uint32_t enabled) {
   void *hvs = ctx->hvs_handle;
   uintptr_t comp = ctx->trace_comp;
   trcprintf(comp, 4, "prsr_set_enabled_key: entered function");
@@ -66,34 +67,29 @@ extern "C" int32_t prsr_set_enabled_key(prsr_ctx *ctx, const char *key_name, uin
   return PRSR_SUCCESS;
 }
 
-namespace {
-/* "DATABASE.DATABASES." + name + ".ENABLED" */
-constexpr size_t kDbEnabledExtra = 27;
-} // namespace
+int32_t prsr::set_flag_locked(lks_status *status, prsr_ctx *ctx, const char *db, LockMode mode,
+                              const char *key_name, uint32_t enabled) {
+  BranchLock lock(ctx);
+  int32_t rc = mode == LockMode::Shared ? lock.shared(status, db) : lock.exclusive(status, db);
+  if (rc != 0)
+    return rc;
+  rc = prsr_set_enabled_key(ctx, key_name, enabled);
+  lock.release();
+  return rc;
+}
 
 extern "C" PRSR_API int32_t prsr_get_db_enabled(lks_status *, prsr_ctx *ctx, const char *dbname,
                                                 uint32_t *enabled) {
   if (!session_ok(ctx))
     return PRSR_ERR_SESSION;
-  if (!name_fits(dbname, kDbEnabledExtra) || enabled == nullptr)
+  if (!keys::database_leaf(dbname, "ENABLED").fits() || enabled == nullptr)
     return PRSR_ERR_ARGUMENT;
-  void *meta = ctx->metactx;
-  size_t n = std::strlen(dbname);
-
-  Owned<char> db(meta);
-  if ((*db.out() = copy_lower(meta, dbname)) == nullptr) {
-    trcprintf(ctx->trace_comp, 0, "prsr_get_db_enabled: failed to allocate %d bytes",
-              static_cast<int>(n) + 1);
+  Call call(ctx, "prsr_get_db_enabled");
+  NameCopy db(call);
+  KeyBlock key(call);
+  if (!db.lower(dbname) || !key.build(keys::database_leaf(db.get(), "ENABLED")))
     return PRSR_ERR_MEMORY;
-  }
-  Owned<char> key(meta);
-  if (!key.allocate(n + 29)) {
-    trcprintf(ctx->trace_comp, 0, "prsr_get_db_enabled: failed to allocate %d bytes",
-              static_cast<int>(n) + 29);
-    return PRSR_ERR_MEMORY;
-  }
-  key_join(key.get(), {"DATABASE.DATABASES", db.get(), "ENABLED"});
-  trcprintf(ctx->trace_comp, 4, "prsr_get_db_enabled: key_name = [%s]", key.get());
+  trcprintf(call.comp, 4, "prsr_get_db_enabled: key_name = [%s]", key.get());
   return prsr_get_enabled_key(ctx, key.get(), enabled);
 }
 
@@ -101,30 +97,13 @@ extern "C" PRSR_API int32_t prsr_set_db_enabled(lks_status *status, prsr_ctx *ct
                                                 const char *dbname, uint32_t enable) {
   if (!session_ok(ctx))
     return PRSR_ERR_SESSION;
-  if (!name_fits(dbname, kDbEnabledExtra))
+  if (!keys::database_leaf(dbname, "ENABLED").fits())
     return PRSR_ERR_ARGUMENT;
-  void *meta = ctx->metactx;
-  size_t n = std::strlen(dbname);
-
-  Owned<char> db(meta);
-  if ((*db.out() = copy_lower(meta, dbname)) == nullptr) {
-    trcprintf(ctx->trace_comp, 0, "prsr_set_db_enabled: failed to allocate %d bytes",
-              static_cast<int>(n) + 1);
+  Call call(ctx, "prsr_set_db_enabled");
+  NameCopy db(call);
+  KeyBlock key(call);
+  if (!db.lower(dbname) || !key.build(keys::database_leaf(db.get(), "ENABLED")))
     return PRSR_ERR_MEMORY;
-  }
-  Owned<char> key(meta);
-  if (!key.allocate(n + 29)) {
-    trcprintf(ctx->trace_comp, 0, "prsr_set_db_enabled: failed to allocate %d bytes",
-              static_cast<int>(n) + 29);
-    return PRSR_ERR_MEMORY;
-  }
-  key_join(key.get(), {"DATABASE.DATABASES", db.get(), "ENABLED"});
 
-  BranchLock lock(ctx);
-  int32_t rc = lock.exclusive(status, db.get());
-  if (rc != 0)
-    return rc;
-  rc = prsr_set_enabled_key(ctx, key.get(), enable);
-  lock.release();
-  return rc;
+  return set_flag_locked(status, ctx, db.get(), LockMode::Exclusive, key.get(), enable);
 }

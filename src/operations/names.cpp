@@ -9,115 +9,76 @@
 
 using namespace prsr;
 
+namespace {
+
+/* The case-preserved name held by `key`, into the caller's buffer: the key
+ * is opened first, so that a missing one reads as missing (7), and closed
+ * after the value is handed over. */
+int32_t read_name(const Call &call, const char *key, uint32_t size, char *name) {
+  OpenKey k(call.hvs);
+  int32_t rc = k.open(key);
+  if (rc != 0) {
+    call.report("hvsapi_open_key", rc, key);
+    return rc == HVS_ERR_NO_KEY ? PRSR_ERR_NO_KEY : PRSR_ERR_REGISTRY;
+  }
+  Owned<char> value(call.meta);
+  rc = prsr_open_get_value(call.ctx, call.hvs, key, value.out());
+  rc = deliver_name(rc, value.get(), size, name);
+  k.close();
+  return rc;
+}
+
+} // namespace
+
 extern "C" PRSR_API int32_t prsr_get_instance_name(lks_status *, prsr_ctx *ctx, const char *dbname,
                                                    const char *instname, uint32_t size,
                                                    char *name) {
   if (!session_ok(ctx))
     return PRSR_ERR_SESSION;
-  if (!names_fit({dbname, instname}, kInstanceExtra) || size == 0 || name == nullptr)
+  if (!keys::instance(dbname, instname).fits() || size == 0 || name == nullptr)
     return PRSR_ERR_ARGUMENT;
-  void *meta = ctx->metactx;
-  void *hvs = ctx->hvs_handle;
-  uintptr_t comp = ctx->trace_comp;
-  auto no_memory = [comp](uint64_t bytes) {
-    trcprintf(comp, 0, "prsr_get_instance_name: failed to allocate %d bytes",
-              static_cast<int>(bytes));
+  Call call(ctx, "prsr_get_instance_name");
+  NameCopy db(call), inst(call);
+  KeyBlock key(call);
+  if (!db.lower(dbname) || !inst.lower(instname) ||
+      !key.build(keys::instance(db.get(), inst.get()), kKeyMax))
     return PRSR_ERR_MEMORY;
-  };
-  size_t dn = std::strlen(dbname);
-  size_t in = std::strlen(instname);
-
-  Owned<char> db(meta);
-  if (!db.allocate(dn + 1))
-    return no_memory(dn + 1);
-  Owned<char> inst(meta);
-  if (!inst.allocate(in + 1))
-    return no_memory(in + 1);
-  txtnlower(db.get(), dbname, dn);
-  txtnlower(inst.get(), instname, in);
-  Owned<char> key(meta);
-  if (!key.allocate(kKeyMax))
-    return no_memory(kKeyMax);
-  key_join(key.get(), {"DATABASE.DATABASES", db.get(), "INSTANCE", inst.get()});
-
-  OpenKey k(hvs);
-  int32_t rc = k.open(key.get());
-  if (rc != 0) {
-    prsr_report_hvs_failure(hvs, comp, "prsr_get_instance_name", "hvsapi_open_key", rc, key.get());
-    return rc == HVS_ERR_NO_KEY ? PRSR_ERR_NO_KEY : PRSR_ERR_REGISTRY;
-  }
-  Owned<char> value(meta);
-  rc = prsr_open_get_value(ctx, hvs, key.get(), value.out());
-  rc = deliver_name(rc, value.get(), size, name);
-  k.close();
-  return rc;
+  return read_name(call, key.get(), size, name);
 }
 
 extern "C" PRSR_API int32_t prsr_get_spname(lks_status *, prsr_ctx *ctx, const char *dbname,
                                             uint32_t size, char *name) {
   if (!session_ok(ctx))
     return PRSR_ERR_SESSION;
-  if (!name_fits(dbname, kDatabaseExtra) || size == 0 || name == nullptr)
+  if (!keys::database(dbname).fits() || size == 0 || name == nullptr)
     return PRSR_ERR_ARGUMENT;
-  void *meta = ctx->metactx;
-  void *hvs = ctx->hvs_handle;
-  uintptr_t comp = ctx->trace_comp;
-  auto no_memory = [comp](uint64_t bytes) {
-    trcprintf(comp, 0, "prsr_get_spname: failed to allocate %d bytes", static_cast<int>(bytes));
+  Call call(ctx, "prsr_get_spname");
+  NameCopy db(call);
+  KeyBlock key(call);
+  if (!db.lower(dbname) || !key.build(keys::database(db.get()), kKeyMax))
     return PRSR_ERR_MEMORY;
-  };
-  size_t dn = std::strlen(dbname);
-
-  Owned<char> db(meta);
-  if ((*db.out() = copy_lower(meta, dbname)) == nullptr)
-    return no_memory(dn + 1);
-  Owned<char> key(meta);
-  if (!key.allocate(kKeyMax))
-    return no_memory(kKeyMax);
-  key_join(key.get(), {"DATABASE.DATABASES", db.get()});
-
-  OpenKey k(hvs);
-  int32_t rc = k.open(key.get());
-  if (rc != 0) {
-    prsr_report_hvs_failure(hvs, comp, "prsr_get_spname", "hvsapi_open_key", rc, key.get());
-    return rc == HVS_ERR_NO_KEY ? PRSR_ERR_NO_KEY : PRSR_ERR_REGISTRY;
-  }
-  Owned<char> value(meta);
-  rc = prsr_open_get_value(ctx, hvs, key.get(), value.out());
-  rc = deliver_name(rc, value.get(), size, name);
-  k.close();
-  return rc;
+  return read_name(call, key.get(), size, name);
 }
 
 extern "C" PRSR_API int32_t prsr_get_domain(lks_status *, prsr_ctx *ctx, const char *dbname,
                                             char **domain_out) {
   if (ctx == nullptr || dbname == nullptr || !session_ok(ctx))
     return PRSR_ERR_SESSION;
-  if (!name_fits(dbname, kDomainExtra) || domain_out == nullptr)
+  if (!keys::database_leaf(dbname, "DOMAIN").fits() || domain_out == nullptr)
     return PRSR_ERR_ARGUMENT;
-  void *meta = ctx->metactx;
-  uintptr_t comp = ctx->trace_comp;
-  auto no_memory = [comp](uint64_t bytes) {
-    trcprintf(comp, 0, "prsr_get_domain: failed to allocate %d bytes", static_cast<int>(bytes));
+  Call call(ctx, "prsr_get_domain");
+  NameCopy db(call);
+  KeyBlock key(call);
+  if (!db.lower(dbname) || !key.build(keys::database_leaf(db.get(), "DOMAIN")))
     return PRSR_ERR_MEMORY;
-  };
-  size_t dn = std::strlen(dbname);
-
-  Owned<char> db(meta);
-  if ((*db.out() = copy_lower(meta, dbname)) == nullptr)
-    return no_memory(dn + 1);
-  Owned<char> key(meta);
-  if (!key.allocate(dn + 28))
-    return no_memory(dn + 28);
-  key_join(key.get(), {"DATABASE.DATABASES", db.get(), "DOMAIN"});
-  trcprintf(comp, 4, "prsr_get_domain: key_name = [%s]", key.get());
+  trcprintf(call.comp, 4, "prsr_get_domain: key_name = [%s]", key.get());
 
   /* From here on the caller's pointer is only ever NULL or the domain. */
   *domain_out = nullptr;
-  int32_t rc = prsr_open_get_value(ctx, ctx->hvs_handle, key.get(), domain_out);
+  int32_t rc = prsr_open_get_value(ctx, call.hvs, key.get(), domain_out);
   if (rc != PRSR_SUCCESS) {
     if (*domain_out != nullptr)
-      u_freem(meta, *domain_out);
+      u_freem(call.meta, *domain_out);
     *domain_out = nullptr;
   }
   return rc;
@@ -136,10 +97,10 @@ namespace {
  * caller's buffer receives each key component in turn (at most `cap`
  * bytes), and on a match the instance's case-preserved name. `key` is the
  * fixed key buffer, `value` holds the last value read. */
-int32_t find_node_instance(prsr_ctx *ctx, void *instances, const char *db, const char *node,
+int32_t find_node_instance(const Call &call, void *instances, const char *db, const char *node,
                            char *key, Owned<char> &value, uint32_t cap, uint32_t size, char *name) {
-  void *hvs = ctx->hvs_handle;
-  uintptr_t comp = ctx->trace_comp;
+  prsr_ctx *ctx = call.ctx;
+  void *hvs = call.hvs;
 
   while (true) {
     uint32_t len = cap;
@@ -151,12 +112,11 @@ int32_t find_node_instance(prsr_ctx *ctx, void *instances, const char *db, const
     }
     if (rc != 0) {
       name[0] = '\0';
-      key_join(key, {"DATABASE.DATABASES", db, "INSTANCE"});
-      prsr_report_hvs_failure(hvs, comp, "prsr_get_node_instance_name", "hvsapi_enum_subkey", rc,
-                              key);
+      keys::instance_branch(db).join(key);
+      call.report("hvsapi_enum_subkey", rc, key);
       return PRSR_ERR_REGISTRY;
     }
-    key_join(key, {"DATABASE.DATABASES", db, "INSTANCE", name, "NODE"});
+    keys::instance_leaf(db, name, "NODE").join(key);
     value.reset();
     rc = prsr_open_get_value(ctx, hvs, key, value.out());
     if (rc != PRSR_SUCCESS) {
@@ -172,7 +132,7 @@ int32_t find_node_instance(prsr_ctx *ctx, void *instances, const char *db, const
     }
   }
   value.reset();
-  key_join(key, {"DATABASE.DATABASES", db, "INSTANCE", name});
+  keys::instance(db, name).join(key);
   int32_t rc = prsr_open_get_value(ctx, hvs, key, value.out());
   return deliver_name(rc, value.get(), size, name);
 }
@@ -185,48 +145,37 @@ extern "C" PRSR_API int32_t prsr_get_node_instance_name(lks_status *status, prsr
   if (!session_ok(ctx))
     return PRSR_ERR_SESSION;
   /* Room for the NODE key of an instance with at least a one-byte name. */
-  if (!name_fits(dbname, kInstanceNodeExtra + 1) || node == nullptr || size == 0 || name == nullptr)
+  if (dbname == nullptr || keys::instance_leaf(dbname, "", "NODE").room() <= 1 || node == nullptr ||
+      size == 0 || name == nullptr)
     return PRSR_ERR_ARGUMENT;
-  void *meta = ctx->metactx;
-  void *hvs = ctx->hvs_handle;
-  uintptr_t comp = ctx->trace_comp;
-  auto no_memory = [comp](uint64_t bytes) {
-    trcprintf(comp, 0, "prsr_get_node_instance_name: failed to allocate %d bytes",
-              static_cast<int>(bytes));
-    return PRSR_ERR_MEMORY;
-  };
-  size_t dn = std::strlen(dbname);
-  size_t nn = std::strlen(node);
+  Call call(ctx, "prsr_get_node_instance_name");
+  void *meta = call.meta;
+  void *hvs = call.hvs;
   /* A component longer than this would not fit the key buffer: the
    * enumeration refuses it as too long for the buffer. */
-  uint32_t cap = std::min<uint32_t>(size, static_cast<uint32_t>(kKeyMax - dn - kInstanceNodeExtra));
+  uint32_t cap = std::min<uint32_t>(
+      size, static_cast<uint32_t>(keys::instance_leaf(dbname, "", "NODE").room()));
 
-  Owned<char> db(meta);
-  if (!db.allocate(dn + 1))
-    return no_memory(dn + 1);
-  Owned<char> nd(meta);
-  if (!nd.allocate(nn + 1))
-    return no_memory(nn + 1);
-  txtnlower(db.get(), dbname, dn);
-  txtnlower(nd.get(), node, nn);
+  NameCopy db(call), nd(call);
+  if (!db.lower(dbname) || !nd.lower(node))
+    return PRSR_ERR_MEMORY;
   Owned<char> key(meta);
   if (!key.allocate(kKeyMax))
-    return no_memory(kKeyMax);
+    return call.no_memory(kKeyMax);
 
   BranchLock lock(ctx);
   int32_t rc = lock.shared(status, db.get());
   if (rc != 0)
     return rc;
-  key_join(key.get(), {"DATABASE.DATABASES", db.get(), "INSTANCE"});
+  keys::instance_branch(db.get()).join(key.get());
   OpenKey instances(hvs);
   Owned<char> value(meta);
   rc = instances.open(key.get());
   if (rc != 0) {
-    prsr_report_hvs_failure(hvs, comp, "prsr_get_node_instance_name", "hvsapi_open_key", rc,
-                            key.get());
+    call.report("hvsapi_open_key", rc, key.get());
     rc = PRSR_ERR_REGISTRY;
   } else {
-    rc = find_node_instance(ctx, instances.get(), db.get(), nd.get(), key.get(), value, cap, size,
+    rc = find_node_instance(call, instances.get(), db.get(), nd.get(), key.get(), value, cap, size,
                             name);
   }
   /* The lock goes back before the INSTANCE key is closed. */

@@ -4,7 +4,6 @@
 
 #include "frame/frame.h"
 #include "operations/enabled.h"
-#include "operations/points.h"
 #include "registry/registry.h"
 
 using namespace prsr;
@@ -14,32 +13,14 @@ extern "C" PRSR_API int32_t prsr_get_service_enabled(lks_status *, prsr_ctx *ctx
                                                      uint32_t *enabled) {
   if (!session_ok(ctx))
     return PRSR_ERR_SESSION;
-  if (!names_fit({dbname, srvname}, kServiceEnabledExtra) || enabled == nullptr)
+  if (!keys::service_leaf(dbname, srvname, "ENABLED").fits() || enabled == nullptr)
     return PRSR_ERR_ARGUMENT;
-  void *meta = ctx->metactx;
-  uintptr_t comp = ctx->trace_comp;
-  size_t dn = std::strlen(dbname);
-  size_t sn = std::strlen(srvname);
-
-  Owned<char> db(meta);
-  if ((*db.out() = copy_lower(meta, dbname)) == nullptr) {
-    trcprintf(comp, 0, "prsr_get_service_enabled: failed to allocate %d bytes",
-              static_cast<int>(dn + 1));
+  Call call(ctx, "prsr_get_service_enabled");
+  NameCopy db(call), srv(call);
+  KeyBlock key(call);
+  if (!db.lower(dbname) || !srv.service(srvname) ||
+      !key.build(keys::service_leaf(db.get(), srv.get(), "ENABLED")))
     return PRSR_ERR_MEMORY;
-  }
-  Owned<char> srv(meta);
-  if ((*srv.out() = copy_service(meta, srvname)) == nullptr) {
-    trcprintf(comp, 0, "prsr_get_service_enabled: failed to allocate %d bytes",
-              static_cast<int>(sn + 2));
-    return PRSR_ERR_MEMORY;
-  }
-  Owned<char> key(meta);
-  if (!key.allocate(dn + sn + 39)) {
-    trcprintf(comp, 0, "prsr_get_service_enabled: failed to allocate %d bytes",
-              static_cast<int>(dn + sn + 39));
-    return PRSR_ERR_MEMORY;
-  }
-  key_join(key.get(), {"DATABASE.DATABASES", db.get(), "SERVICE", srv.get(), "ENABLED"});
   return prsr_get_enabled_key(ctx, key.get(), enabled);
 }
 
@@ -48,11 +29,9 @@ namespace {
 /* Writes `enable` to the ENABLED key of every subkey of the open INSTANCES
  * key, in enumeration order; stops at the first failure. `sub` is a zeroed
  * buffer of kKeyMax bytes for the subkey names. */
-int32_t set_instance_flags(prsr_ctx *ctx, void *instances, const char *instances_key,
+int32_t set_instance_flags(const Call &call, void *instances, const char *instances_key,
                            const char *db, const char *srv, char *sub, uint32_t enable) {
-  void *meta = ctx->metactx;
-  void *hvs = ctx->hvs_handle;
-  uintptr_t comp = ctx->trace_comp;
+  void *hvs = call.hvs;
 
   uint32_t len = kKeyMax;
   int32_t count = 0;
@@ -60,22 +39,15 @@ int32_t set_instance_flags(prsr_ctx *ctx, void *instances, const char *instances
   if (rc == HVS_ERR_NO_MORE && count < 0)
     return PRSR_SUCCESS; /* a service without instances */
   if (rc != 0) {
-    prsr_report_hvs_failure(hvs, comp, "prsr_set_service_enabled", "hvsapi_enum_subkey", rc,
-                            instances_key);
+    call.report("hvsapi_enum_subkey", rc, instances_key);
     return PRSR_ERR_REGISTRY;
   }
-  size_t dn = std::strlen(db);
-  size_t sn = std::strlen(srv);
   for (int32_t i = 0; i <= count; ++i) {
-    size_t size = dn + sn + std::strlen(sub) + 50;
-    Owned<char> key(meta);
-    if (!key.allocate(size)) {
-      trcprintf(comp, 0, "prsr_set_service_enabled: failed to allocate %d bytes",
-                static_cast<int>(size));
+    KeyBlock key(call);
+    /* This walk's blocks have always kept one spare byte less. */
+    if (!key.build(keys::service_instance_leaf(db, srv, sub, "ENABLED").spare(2)))
       return PRSR_ERR_MEMORY;
-    }
-    key_join(key.get(), {"DATABASE.DATABASES", db, "SERVICE", srv, "INSTANCES", sub, "ENABLED"});
-    rc = prsr_set_enabled_key(ctx, key.get(), enable);
+    rc = prsr_set_enabled_key(call.ctx, key.get(), enable);
     key.reset();
     if (rc != PRSR_SUCCESS)
       return rc;
@@ -86,8 +58,7 @@ int32_t set_instance_flags(prsr_ctx *ctx, void *instances, const char *instances
     int32_t scratch = 0;
     rc = hvsapi_enum_subkey(hvs, instances, sub, &len, &scratch);
     if (rc != 0) {
-      prsr_report_hvs_failure(hvs, comp, "prsr_set_service_enabled", "hvsapi_enum_subkey", rc,
-                              instances_key);
+      call.report("hvsapi_enum_subkey", rc, instances_key);
       return PRSR_ERR_REGISTRY;
     }
   }
@@ -101,30 +72,21 @@ extern "C" PRSR_API int32_t prsr_set_service_enabled(lks_status *status, prsr_ct
                                                      uint32_t enable) {
   if (!session_ok(ctx))
     return PRSR_ERR_SESSION;
-  if (!names_fit({dbname, srvname}, kServiceInstancesExtra))
+  if (!keys::service_leaf(dbname, srvname, "INSTANCES").fits())
     return PRSR_ERR_ARGUMENT;
-  void *meta = ctx->metactx;
-  void *hvs = ctx->hvs_handle;
-  uintptr_t comp = ctx->trace_comp;
-  auto no_memory = [comp](uint64_t bytes) {
-    trcprintf(comp, 0, "prsr_set_service_enabled: failed to allocate %d bytes",
-              static_cast<int>(bytes));
+  Call call(ctx, "prsr_set_service_enabled");
+  void *meta = call.meta;
+  void *hvs = call.hvs;
+  NameCopy db(call), srv(call);
+  if (!db.lower(dbname) || !srv.service(srvname))
     return PRSR_ERR_MEMORY;
-  };
-  size_t dn = std::strlen(dbname);
-  size_t sn = std::strlen(srvname);
-
-  Owned<char> db(meta);
-  if ((*db.out() = copy_lower(meta, dbname)) == nullptr)
-    return no_memory(dn + 1);
-  Owned<char> srv(meta);
-  if ((*srv.out() = copy_service(meta, srvname)) == nullptr)
-    return no_memory(sn + 2);
-  size_t key_size = dn + sn + 41;
-  Owned<char> key(meta);
-  if (!key.allocate(key_size))
-    return no_memory(key_size);
-  key_join(key.get(), {"DATABASE.DATABASES", db.get(), "SERVICE", srv.get(), "ENABLED"});
+  /* One block for the service's ENABLED key and then its INSTANCES key,
+   * sized for the longer. */
+  const KeyParts instances_key = keys::service_leaf(db.get(), srv.get(), "INSTANCES");
+  KeyBlock key(call);
+  if (!key.build(instances_key))
+    return PRSR_ERR_MEMORY;
+  keys::service_leaf(db.get(), srv.get(), "ENABLED").write(key.get(), key.size());
 
   BranchLock lock(ctx);
   int32_t rc = lock.exclusive(status, db.get());
@@ -135,22 +97,19 @@ extern "C" PRSR_API int32_t prsr_set_service_enabled(lks_status *status, prsr_ct
    * instances are written all the same. */
   (void)prsr_set_enabled_key(ctx, key.get(), enable);
 
-  std::memset(key.get(), 0, key_size);
-  key_join(key.get(), {"DATABASE.DATABASES", db.get(), "SERVICE", srv.get(), "INSTANCES"});
+  std::memset(key.get(), 0, key.size());
+  instances_key.join(key.get());
   OpenKey instances(hvs);
   Owned<char> sub(meta);
   rc = instances.open(key.get());
   if (rc != 0) {
-    prsr_report_hvs_failure(hvs, comp, "prsr_set_service_enabled", "hvsapi_open_key", rc,
-                            key.get());
+    call.report("hvsapi_open_key", rc, key.get());
     rc = PRSR_ERR_REGISTRY;
   } else if (!sub.allocate(kKeyMax)) {
-    trcprintf(comp, 0, "prsr_set_service_enabled: failed to allocate %d bytes",
-              static_cast<int>(kKeyMax));
-    rc = PRSR_ERR_MEMORY;
+    rc = call.no_memory(kKeyMax);
   } else {
-    rc =
-        set_instance_flags(ctx, instances.get(), key.get(), db.get(), srv.get(), sub.get(), enable);
+    rc = set_instance_flags(call, instances.get(), key.get(), db.get(), srv.get(), sub.get(),
+                            enable);
   }
   instances.close();
   lock.release();
@@ -162,31 +121,17 @@ extern "C" PRSR_API int32_t prsr_get_service_fov_policy(lks_status *, prsr_ctx *
                                                         uint32_t *policy) {
   if (!session_ok(ctx))
     return PRSR_ERR_SESSION;
-  if (!names_fit({dbname, srvname}, kServicePolicyExtra) || policy == nullptr)
+  if (!keys::service_leaf(dbname, srvname, "FOVPOLICY").fits() || policy == nullptr)
     return PRSR_ERR_ARGUMENT;
-  void *meta = ctx->metactx;
-  uintptr_t comp = ctx->trace_comp;
-  auto no_memory = [comp](uint64_t bytes) {
-    trcprintf(comp, 0, "prsr_get_service_fov_policy: failed to allocate %d bytes",
-              static_cast<int>(bytes));
+  Call call(ctx, "prsr_get_service_fov_policy");
+  NameCopy db(call), srv(call);
+  KeyBlock key(call);
+  if (!db.lower(dbname) || !srv.service(srvname) ||
+      !key.build(keys::service_leaf(db.get(), srv.get(), "FOVPOLICY")))
     return PRSR_ERR_MEMORY;
-  };
-  size_t dn = std::strlen(dbname);
-  size_t sn = std::strlen(srvname);
 
-  Owned<char> db(meta);
-  if ((*db.out() = copy_lower(meta, dbname)) == nullptr)
-    return no_memory(dn + 1);
-  Owned<char> srv(meta);
-  if ((*srv.out() = copy_service(meta, srvname)) == nullptr)
-    return no_memory(sn + 2);
-  Owned<char> key(meta);
-  if (!key.allocate(dn + sn + 41))
-    return no_memory(dn + sn + 41);
-  key_join(key.get(), {"DATABASE.DATABASES", db.get(), "SERVICE", srv.get(), "FOVPOLICY"});
-
-  Owned<char> value(meta);
-  int32_t rc = prsr_open_get_value(ctx, ctx->hvs_handle, key.get(), value.out());
+  Owned<char> value(call.meta);
+  int32_t rc = prsr_open_get_value(ctx, call.hvs, key.get(), value.out());
   if (rc == PRSR_ERR_REGISTRY) {
     /* No policy stored, or none readable. */
     *policy = PRSR_FOV_NONE;
@@ -194,13 +139,6 @@ extern "C" PRSR_API int32_t prsr_get_service_fov_policy(lks_status *, prsr_ctx *
   }
   if (rc != PRSR_SUCCESS)
     return rc;
-  const char *text = value.get();
-  if (txticmp(text, "BASIC") == 0)
-    *policy = PRSR_FOV_BASIC;
-  else if (txticmp(text, "PRECONNECT") == 0 || txticmp(text, "AVAILABLE") == 0 ||
-           txticmp(text, "MUTUAL") == 0)
-    *policy = PRSR_FOV_PRECONNECT;
-  else
-    *policy = PRSR_FOV_NONE;
+  *policy = policy_code(value.get());
   return PRSR_SUCCESS;
 }

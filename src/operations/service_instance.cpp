@@ -4,17 +4,24 @@
 
 #include "frame/frame.h"
 #include "operations/enabled.h"
-#include "operations/points.h"
 #include "registry/registry.h"
 
 using namespace prsr;
 
 namespace {
 
-/* The lower-cased copies of the three names of a service instance. */
+/* The lower-cased copies of the three names of a service instance, made in
+ * order: the database's, the service's (as a key component), the
+ * instance's. */
 struct Names {
-  explicit Names(void *meta) : db(meta), srv(meta), inst(meta) {}
-  Owned<char> db, srv, inst;
+  explicit Names(const Call &call) : db(call), srv(call), inst(call) {}
+  bool copy(const char *dbname, const char *srvname, const char *instname) {
+    return db.lower(dbname) && srv.service(srvname) && inst.lower(instname);
+  }
+  KeyParts key(const char *word) const {
+    return keys::service_instance_leaf(db.get(), srv.get(), inst.get(), word);
+  }
+  NameCopy db, srv, inst;
 };
 
 } // namespace
@@ -26,41 +33,27 @@ extern "C" PRSR_API int32_t prsr_get_service_instance_enabled(lks_status *, prsr
                                                               uint32_t *enabled) {
   if (!session_ok(ctx))
     return PRSR_ERR_SESSION;
-  if (!names_fit({dbname, srvname, instname}, kServiceInstEnabledExtra) || enabled == nullptr)
+  if (!keys::service_instance_leaf(dbname, srvname, instname, "ENABLED").fits() ||
+      enabled == nullptr)
     return PRSR_ERR_ARGUMENT;
-  void *meta = ctx->metactx;
-  uintptr_t comp = ctx->trace_comp;
-  auto no_memory = [comp](uint64_t bytes) {
-    trcprintf(comp, 0, "prsr_get_service_instance_enabled: failed to allocate %d bytes",
-              static_cast<int>(bytes));
-    return PRSR_ERR_MEMORY;
-  };
-  size_t dn = std::strlen(dbname);
-  size_t sn = std::strlen(srvname);
-  size_t in = std::strlen(instname);
-  trcprintf(comp, 4,
+  Call call(ctx, "prsr_get_service_instance_enabled");
+  trcprintf(call.comp, 4,
             "prsr_get_service_instance_enabled: Inside function dbname=%s, servname=%s, "
             "instname=%s",
             dbname, srvname, instname);
 
-  Names n(meta);
-  if ((*n.db.out() = copy_lower(meta, dbname)) == nullptr)
-    return no_memory(dn + 1);
-  if ((*n.srv.out() = copy_service(meta, srvname)) == nullptr)
-    return no_memory(sn + 2);
-  if ((*n.inst.out() = copy_lower(meta, instname)) == nullptr)
-    return no_memory(in + 1);
-  trcprintf(comp, 4,
+  Names n(call);
+  if (!n.copy(dbname, srvname, instname))
+    return PRSR_ERR_MEMORY;
+  trcprintf(call.comp, 4,
             "prsr_get_service_instance_enabled: Inside function dbname=%s, servname=%s, "
             "instname=%s",
             n.db.get(), n.srv.get(), n.inst.get());
 
-  Owned<char> key(meta);
-  if (!key.allocate(dn + sn + in + 51))
-    return no_memory(dn + sn + in + 51);
-  key_join(key.get(), {"DATABASE.DATABASES", n.db.get(), "SERVICE", n.srv.get(), "INSTANCES",
-                       n.inst.get(), "ENABLED"});
-  trcprintf(comp, 4, "prsr_get_service_instance_enabled: ENABLED KEY NAME = %s", key.get());
+  KeyBlock key(call);
+  if (!key.build(n.key("ENABLED")))
+    return PRSR_ERR_MEMORY;
+  trcprintf(call.comp, 4, "prsr_get_service_instance_enabled: ENABLED KEY NAME = %s", key.get());
   return prsr_get_enabled_key(ctx, key.get(), enabled);
 }
 
@@ -71,41 +64,17 @@ extern "C" PRSR_API int32_t prsr_set_service_instance_enabled(lks_status *status
                                                               uint32_t enable) {
   if (!session_ok(ctx))
     return PRSR_ERR_SESSION;
-  if (!names_fit({dbname, srvname, instname}, kServiceInstEnabledExtra))
+  if (!keys::service_instance_leaf(dbname, srvname, instname, "ENABLED").fits())
     return PRSR_ERR_ARGUMENT;
-  void *meta = ctx->metactx;
-  uintptr_t comp = ctx->trace_comp;
-  auto no_memory = [comp](uint64_t bytes) {
-    trcprintf(comp, 0, "prsr_set_service_instance_enabled: failed to allocate %d bytes",
-              static_cast<int>(bytes));
+  Call call(ctx, "prsr_set_service_instance_enabled");
+  Names n(call);
+  KeyBlock key(call);
+  if (!n.copy(dbname, srvname, instname) || !key.build(n.key("ENABLED")))
     return PRSR_ERR_MEMORY;
-  };
-  size_t dn = std::strlen(dbname);
-  size_t sn = std::strlen(srvname);
-  size_t in = std::strlen(instname);
-
-  Names n(meta);
-  if ((*n.db.out() = copy_lower(meta, dbname)) == nullptr)
-    return no_memory(dn + 1);
-  if ((*n.srv.out() = copy_service(meta, srvname)) == nullptr)
-    return no_memory(sn + 2);
-  if ((*n.inst.out() = copy_lower(meta, instname)) == nullptr)
-    return no_memory(in + 1);
-  Owned<char> key(meta);
-  if (!key.allocate(dn + sn + in + 51))
-    return no_memory(dn + sn + in + 51);
-  key_join(key.get(), {"DATABASE.DATABASES", n.db.get(), "SERVICE", n.srv.get(), "INSTANCES",
-                       n.inst.get(), "ENABLED"});
 
   /* Shared: one instance's flag for one service can change beside other
    * shared holders; only an exclusive holder keeps it out. */
-  BranchLock lock(ctx);
-  int32_t rc = lock.shared(status, n.db.get());
-  if (rc != 0)
-    return rc;
-  rc = prsr_set_enabled_key(ctx, key.get(), enable);
-  lock.release();
-  return rc;
+  return set_flag_locked(status, ctx, n.db.get(), LockMode::Shared, key.get(), enable);
 }
 
 extern "C" PRSR_API int32_t prsr_get_service_instance_supported(lks_status *, prsr_ctx *ctx,
@@ -117,46 +86,31 @@ extern "C" PRSR_API int32_t prsr_get_service_instance_supported(lks_status *, pr
     *supported = 0;
   if (!session_ok(ctx))
     return PRSR_ERR_SESSION;
-  if (!names_fit({dbname, srvname, instname}, kServiceInstEnabledExtra) || supported == nullptr)
+  if (!keys::service_instance_leaf(dbname, srvname, instname, "ENABLED").fits() ||
+      supported == nullptr)
     return PRSR_ERR_ARGUMENT;
-  void *meta = ctx->metactx;
-  uintptr_t comp = ctx->trace_comp;
-  auto no_memory = [comp](uint64_t bytes) {
-    trcprintf(comp, 0, "prsr_get_service_instance_supported: failed to allocate %d bytes",
-              static_cast<int>(bytes));
+  Call call(ctx, "prsr_get_service_instance_supported");
+  Names n(call);
+  if (!n.copy(dbname, srvname, instname))
     return PRSR_ERR_MEMORY;
-  };
-  size_t dn = std::strlen(dbname);
-  size_t sn = std::strlen(srvname);
-  size_t in = std::strlen(instname);
-
-  Names n(meta);
-  if ((*n.db.out() = copy_lower(meta, dbname)) == nullptr)
-    return no_memory(dn + 1);
-  if ((*n.srv.out() = copy_service(meta, srvname)) == nullptr)
-    return no_memory(sn + 2);
-  if ((*n.inst.out() = copy_lower(meta, instname)) == nullptr)
-    return no_memory(in + 1);
   /* The instance's key; a failed allocation here leaves no line. */
-  Owned<char> inst_key(meta);
-  if (!inst_key.allocate(dn + sn + in + 43))
+  KeyBlock inst_key(call.meta);
+  if (!inst_key.build(keys::service_instance(n.db.get(), n.srv.get(), n.inst.get())))
     return PRSR_ERR_MEMORY;
-  key_join(inst_key.get(),
-           {"DATABASE.DATABASES", n.db.get(), "SERVICE", n.srv.get(), "INSTANCES", n.inst.get()});
-  Owned<char> key(meta);
+  Owned<char> key(call.meta);
   if (!key.allocate(kKeyMax))
-    return no_memory(kKeyMax);
+    return call.no_memory(kKeyMax);
 
-  key_join(key.get(), {inst_key.get(), "TYPE"});
-  Owned<char> type(meta);
-  int32_t rc = prsr_open_get_value(ctx, ctx->hvs_handle, key.get(), type.out());
+  KeyParts{inst_key.get(), "TYPE"}.join(key.get());
+  Owned<char> type(call.meta);
+  int32_t rc = prsr_open_get_value(ctx, call.hvs, key.get(), type.out());
   if (rc != PRSR_SUCCESS)
     return rc;
   /* Exactly these words, case included. */
   if (std::strcmp(type.get(), "PREFERRED") != 0 && std::strcmp(type.get(), "AVAILABLE") != 0)
     return PRSR_SUCCESS;
 
-  key_join(key.get(), {inst_key.get(), "ENABLED"});
+  KeyParts{inst_key.get(), "ENABLED"}.join(key.get());
   uint32_t enabled = 0;
   rc = prsr_get_enabled_key(ctx, key.get(), &enabled);
   if (rc != PRSR_SUCCESS)

@@ -28,49 +28,37 @@ void unlock_name(prsr_ctx *ctx, char *lock) {
 
 } // namespace
 
-extern "C" int32_t prsr_lock_branch(lks_status *status, prsr_ctx *ctx, const char *name,
-                                    uint32_t shared, char **lock_out) {
+extern "C" PRSR_INTERNAL int32_t prsr_lock_branch(lks_status *status, prsr_ctx *ctx,
+                                                  const char *name, uint32_t shared,
+                                                  char **lock_out) {
   *lock_out = nullptr;
-  size_t size = (name ? std::strlen(name) : 0) + 25;
-  auto *lock = static_cast<char *>(u_allocm(ctx->metactx, size));
-  if (lock == nullptr) {
-    trcprintf(ctx->trace_comp, 0, "prsr_lock_branch: failed to allocate %d bytes",
-              static_cast<int>(size));
-    return PRSR_ERR_MEMORY;
-  }
-  if (name != nullptr)
-    key_join(lock, {"FLTM", "DATABASE.DATABASES", name});
-  else
-    key_join(lock, {"FLTM", "DATABASE.DATABASES"});
-  int32_t rc = shared ? lksshrlock(status, ctx->lock_handle, lock)
-                      : lksmutexlock(status, ctx->lock_handle, lock);
-  if (rc != 0) {
-    u_freem(ctx->metactx, lock);
+  KeyBlock lock(ctx->metactx);
+  if (!lock.build(keys::database_lock(name)))
+    return Call(ctx, "prsr_lock_branch").no_memory(lock.size());
+  int32_t rc = shared ? lksshrlock(status, ctx->lock_handle, lock.get())
+                      : lksmutexlock(status, ctx->lock_handle, lock.get());
+  if (rc != 0)
     return PRSR_ERR_LOCK;
-  }
-  *lock_out = lock;
+  *lock_out = lock.release();
   return PRSR_SUCCESS;
 }
 
-extern "C" void prsr_unlock_branch(prsr_ctx *ctx, char *lock) { unlock_name(ctx, lock); }
+extern "C" PRSR_INTERNAL void prsr_unlock_branch(prsr_ctx *ctx, char *lock) {
+  unlock_name(ctx, lock);
+}
 
-extern "C" int32_t prsr_lock_nodeapps(lks_status *status, prsr_ctx *ctx, const char *node,
-                                      char **lock_out) {
+extern "C" PRSR_INTERNAL int32_t prsr_lock_nodeapps(lks_status *status, prsr_ctx *ctx,
+                                                    const char *node, char **lock_out) {
   *lock_out = nullptr;
-  size_t size = std::strlen(node) + 24;
-  auto *lock = static_cast<char *>(u_allocm(ctx->metactx, size));
-  if (lock == nullptr) {
-    trcprintf(ctx->trace_comp, 0, "prsr_lock_nodeapps: failed to allocate %d bytes",
-              static_cast<int>(size));
-    return PRSR_ERR_MEMORY;
-  }
-  key_join(lock, {"FLTM", "DATABASE.NODEAPPS", node});
-  if (lksshrlock(status, ctx->lock_handle, lock) != 0) {
-    u_freem(ctx->metactx, lock);
+  KeyBlock lock(ctx->metactx);
+  if (!lock.build(keys::nodeapps_lock(node)))
+    return Call(ctx, "prsr_lock_nodeapps").no_memory(lock.size());
+  if (lksshrlock(status, ctx->lock_handle, lock.get()) != 0)
     return PRSR_ERR_LOCK;
-  }
-  *lock_out = lock;
+  *lock_out = lock.release();
   return PRSR_SUCCESS;
 }
 
-extern "C" void prsr_unlock_nodeapps(prsr_ctx *ctx, char *lock) { unlock_name(ctx, lock); }
+extern "C" PRSR_INTERNAL void prsr_unlock_nodeapps(prsr_ctx *ctx, char *lock) {
+  unlock_name(ctx, lock);
+}

@@ -7,22 +7,21 @@
 
 using namespace prsr;
 
-extern "C" int32_t prsr_open_get_value(prsr_ctx *ctx, void *hvs_handle, const char *key_name,
-                                       char **value_out) {
-  void *meta = ctx->metactx;
-  uintptr_t comp = ctx->trace_comp;
+extern "C" PRSR_INTERNAL int32_t prsr_open_get_value(prsr_ctx *ctx, void *hvs_handle,
+                                                     const char *key_name, char **value_out) {
+  Call call(ctx->metactx, hvs_handle, ctx->trace_comp, "prsr_open_get_value");
+  void *meta = call.meta;
+  uintptr_t comp = call.comp;
   constexpr uint32_t kFirst = 64;
 
   *value_out = static_cast<char *>(u_allocm(meta, kFirst));
   if (*value_out == nullptr) {
-    trcprintf(comp, 0, "prsr_open_get_value: failed to allocate %d bytes", static_cast<int>(kFirst));
-    return PRSR_ERR_MEMORY;
+    return call.no_memory(kFirst);
   }
   OpenKey key(hvs_handle);
   int32_t rc = key.open(key_name);
   if (rc != 0) {
-    prsr_report_hvs_failure(hvs_handle, comp, "prsr_open_get_value", "hvsapi_open_key", rc,
-                            key_name);
+    call.report("hvsapi_open_key", rc, key_name);
     return PRSR_ERR_REGISTRY;
   }
   uint32_t type = 0;
@@ -33,14 +32,11 @@ extern "C" int32_t prsr_open_get_value(prsr_ctx *ctx, void *hvs_handle, const ch
     const uint32_t need = len;
     *value_out = static_cast<char *>(u_allocm(meta, need));
     if (*value_out == nullptr) {
-      trcprintf(comp, 0, "prsr_open_get_value: failed to allocate %d bytes",
-                static_cast<int>(need));
-      return PRSR_ERR_MEMORY;
+      return call.no_memory(need);
     }
     rc = hvsapi_get_value(hvs_handle, key.get(), &type, *value_out, &len);
     if (rc != 0) {
-      prsr_report_hvs_failure(hvs_handle, comp, "prsr_open_get_value", "hvsapi_get_value", rc,
-                              key_name);
+      call.report("hvsapi_get_value", rc, key_name);
       return rc;
     }
     /* The block is exactly the value: a value without its own NUL at the
@@ -51,30 +47,16 @@ extern "C" int32_t prsr_open_get_value(prsr_ctx *ctx, void *hvs_handle, const ch
       return PRSR_ERR_REGISTRY;
     }
   } else if (rc != 0) {
-    prsr_report_hvs_failure(hvs_handle, comp, "prsr_open_get_value", "hvsapi_get_value", rc,
-                            key_name);
+    call.report("hvsapi_get_value", rc, key_name);
     return PRSR_ERR_REGISTRY;
   }
   return PRSR_SUCCESS;
 }
 
-namespace {
-
-/* Frees a table of texts and the table itself. */
-void free_table(void *meta, char **table, uint32_t count) {
-  if (table == nullptr)
-    return;
-  for (uint32_t i = 0; i < count; ++i)
-    if (table[i] != nullptr)
-      u_freem(meta, table[i]);
-  u_freem(meta, table);
-}
-
-} // namespace
-
-extern "C" int32_t prsr_get_multivalues(void *metactx, uintptr_t trace_comp, void *hvs_handle,
-                                        const char *key_name, char ***list_out,
-                                        uint32_t *count_out) {
+extern "C" PRSR_INTERNAL int32_t prsr_get_multivalues(void *metactx, uintptr_t trace_comp,
+                                                      void *hvs_handle, const char *key_name,
+                                                      char ***list_out, uint32_t *count_out) {
+  Call call(metactx, hvs_handle, trace_comp, "prsr_get_multivalues");
   constexpr uint32_t kFirst = kValueMax;
   *count_out = 0;
   trcprintf(trace_comp, 4, "prsr_get_multivalues: inkey_name = %s", key_name);
@@ -85,28 +67,21 @@ extern "C" int32_t prsr_get_multivalues(void *metactx, uintptr_t trace_comp, voi
     return PRSR_SUCCESS;
   }
   Owned<char> first(metactx);
-  if (!first.allocate(kFirst)) {
-    trcprintf(trace_comp, 0, "prsr_get_multivalues: failed to allocate %d bytes",
-              static_cast<int>(kFirst));
-    return PRSR_ERR_MEMORY;
-  }
+  if (!first.allocate(kFirst))
+    return call.no_memory(kFirst);
   Owned<char> second(metactx);
   uint32_t type = 0;
   uint32_t len = kFirst;
   char *value = first.get();
   int32_t rc = read_text(hvs_handle, key.get(), &type, value, &len);
   if (rc == HVS_ERR_SMALL_BUFFER) {
-    if (!second.allocate(uint64_t{len} + 1)) {
-      trcprintf(trace_comp, 0, "prsr_get_multivalues: failed to allocate %d bytes",
-                static_cast<int>(len) + 1);
-      return PRSR_ERR_MEMORY;
-    }
+    if (!second.allocate(uint64_t{len} + 1))
+      return call.no_memory(uint64_t{len} + 1);
     value = second.get();
     rc = hvsapi_get_value(hvs_handle, key.get(), &type, value, &len);
   }
   if (rc != 0) {
-    prsr_report_hvs_failure(hvs_handle, trace_comp, "prsr_get_multivalues", "hvsapi_get_value", rc,
-                            key_name);
+    call.report("hvsapi_get_value", rc, key_name);
     return PRSR_SUCCESS;
   }
   trcprintf(trace_comp, 4, "prsr_get_multivalues: SUCCESS in getting value [%s]", value);
@@ -129,8 +104,7 @@ extern "C" int32_t prsr_get_multivalues(void *metactx, uintptr_t trace_comp, voi
   auto **table = static_cast<char **>(u_allocm(metactx, table_size));
   *list_out = table;
   if (table == nullptr) {
-    trcprintf(trace_comp, 0, "prsr_get_multivalues: failed to allocate %d bytes",
-              static_cast<int>(table_size));
+    call.no_memory(table_size);
     *count_out = 0;
     return PRSR_ERR_MEMORY;
   }
@@ -144,10 +118,9 @@ extern "C" int32_t prsr_get_multivalues(void *metactx, uintptr_t trace_comp, voi
     trcprintf(trace_comp, 4, "prsr_get_multivalues: value length = %d", static_cast<int>(n));
     auto *text = static_cast<char *>(u_allocm(metactx, uint64_t{n} + 1));
     if (text == nullptr) {
-      trcprintf(trace_comp, 0, "prsr_get_multivalues: failed to allocate %d bytes",
-                static_cast<int>(n) + 1);
+      call.no_memory(uint64_t{n} + 1);
       key.close();
-      free_table(metactx, table, count);
+      free_texts(metactx, table, count);
       *list_out = nullptr;
       *count_out = 0;
       return PRSR_ERR_MEMORY;
@@ -163,9 +136,10 @@ extern "C" int32_t prsr_get_multivalues(void *metactx, uintptr_t trace_comp, voi
   return PRSR_SUCCESS;
 }
 
-extern "C" int32_t prsr_get_subkeys(void *metactx, uintptr_t trace_comp, void *hvs_handle,
-                                    const char *key_name, char ***names_out,
-                                    uint32_t *count_out) {
+extern "C" PRSR_INTERNAL int32_t prsr_get_subkeys(void *metactx, uintptr_t trace_comp,
+                                                  void *hvs_handle, const char *key_name,
+                                                  char ***names_out, uint32_t *count_out) {
+  Call call(metactx, hvs_handle, trace_comp, "prsr_get_subkeys");
   *count_out = 0;
   OpenKey key(hvs_handle);
   if (key.open(key_name) != 0) {
@@ -173,11 +147,8 @@ extern "C" int32_t prsr_get_subkeys(void *metactx, uintptr_t trace_comp, void *h
     return PRSR_SUCCESS;
   }
   Owned<char> name(metactx);
-  if (!name.allocate(kKeyMax)) {
-    trcprintf(trace_comp, 0, "prsr_get_subkeys: failed to allocate %d bytes",
-              static_cast<int>(kKeyMax));
-    return PRSR_ERR_MEMORY;
-  }
+  if (!name.allocate(kKeyMax))
+    return call.no_memory(kKeyMax);
   uint32_t len = kKeyMax;
   int32_t remaining = 0;
   int32_t rc = hvsapi_enum_subkey(hvs_handle, key.get(), name.get(), &len, &remaining);
@@ -186,8 +157,7 @@ extern "C" int32_t prsr_get_subkeys(void *metactx, uintptr_t trace_comp, void *h
     return PRSR_SUCCESS;
   }
   if (rc != 0) {
-    prsr_report_hvs_failure(hvs_handle, trace_comp, "prsr_get_subkeys", "hvsapi_enum_subkey", rc,
-                            key_name);
+    call.report("hvsapi_enum_subkey", rc, key_name);
     return PRSR_ERR_REGISTRY;
   }
 
@@ -196,12 +166,10 @@ extern "C" int32_t prsr_get_subkeys(void *metactx, uintptr_t trace_comp, void *h
   auto **table = static_cast<char **>(u_allocm(metactx, table_size));
   *names_out = table;
   if (table == nullptr) {
-    trcprintf(trace_comp, 0, "prsr_get_subkeys: failed to allocate %d bytes",
-              static_cast<int>(table_size));
-    return PRSR_ERR_MEMORY;
+    return call.no_memory(table_size);
   }
   auto fail = [&](int32_t result) {
-    free_table(metactx, table, count);
+    free_texts(metactx, table, count);
     *names_out = nullptr;
     *count_out = 0;
     return result;
@@ -212,15 +180,13 @@ extern "C" int32_t prsr_get_subkeys(void *metactx, uintptr_t trace_comp, void *h
       len = kKeyMax;
       rc = hvsapi_enum_subkey(hvs_handle, key.get(), name.get(), &len, &further);
       if (rc != 0) {
-        prsr_report_hvs_failure(hvs_handle, trace_comp, "prsr_get_subkeys", "hvsapi_enum_subkey",
-                                rc, key_name);
+        call.report("hvsapi_enum_subkey", rc, key_name);
         return fail(PRSR_ERR_REGISTRY);
       }
     }
     table[i] = prsr_dup_bytes(metactx, name.get(), static_cast<uint32_t>(strnlen(name.get(), len)));
     if (table[i] == nullptr) {
-      trcprintf(trace_comp, 0, "prsr_get_subkeys: failed to allocate %d bytes",
-                static_cast<int>(len) + 1);
+      call.no_memory(uint64_t{len} + 1);
       return fail(PRSR_ERR_MEMORY);
     }
     if (i > 0)
@@ -230,39 +196,31 @@ extern "C" int32_t prsr_get_subkeys(void *metactx, uintptr_t trace_comp, void *h
   return PRSR_SUCCESS;
 }
 
-extern "C" int32_t prsr_get_case_preserved_values(void *metactx, uintptr_t trace_comp,
-                                                  void *hvs_handle, const char *parent_key,
-                                                  char **names, uint32_t count,
-                                                  char **values_out) {
+extern "C" PRSR_INTERNAL int32_t prsr_get_case_preserved_values(void *metactx, uintptr_t trace_comp,
+                                                                void *hvs_handle,
+                                                                const char *parent_key,
+                                                                char **names, uint32_t count,
+                                                                char **values_out) {
+  Call call(metactx, hvs_handle, trace_comp, "prsr_get_case_preserved_values");
   for (uint32_t i = 0; i < count; ++i) {
     size_t name_len = std::strlen(names[i]);
-    size_t joined_size = std::strlen(parent_key) + name_len + 2;
-    Owned<char> joined(metactx);
-    if (!joined.allocate(joined_size)) {
-      trcprintf(trace_comp, 0, "prsr_get_case_preserved_values: failed to allocate %d bytes",
-                static_cast<int>(joined_size));
+    KeyBlock joined(call);
+    if (!joined.build(KeyParts{parent_key, names[i]}))
       return PRSR_ERR_MEMORY;
-    }
-    key_join(joined.get(), {parent_key, names[i]});
     OpenKey key(hvs_handle);
     int32_t rc = key.open(joined.get());
     if (rc != 0) {
-      prsr_report_hvs_failure(hvs_handle, trace_comp, "prsr_get_case_preserved_values",
-                              "hvsapi_open_key", rc, joined.get());
+      call.report("hvsapi_open_key", rc, joined.get());
       return PRSR_ERR_REGISTRY;
     }
     Owned<char> value(metactx);
-    if (!value.allocate(name_len + 1)) {
-      trcprintf(trace_comp, 0, "prsr_get_case_preserved_values: failed to allocate %d bytes",
-                static_cast<int>(name_len) + 1);
-      return PRSR_ERR_MEMORY;
-    }
+    if (!value.allocate(name_len + 1))
+      return call.no_memory(uint64_t{name_len} + 1);
     uint32_t type = 0;
     uint32_t len = static_cast<uint32_t>(name_len) + 1;
     rc = read_text(hvs_handle, key.get(), &type, value.get(), &len);
     if (rc != 0) {
-      prsr_report_hvs_failure(hvs_handle, trace_comp, "prsr_get_case_preserved_values",
-                              "hvsapi_get_value", rc, joined.get());
+      call.report("hvsapi_get_value", rc, joined.get());
       return PRSR_ERR_REGISTRY;
     }
     values_out[i] = value.release();
@@ -273,7 +231,7 @@ extern "C" int32_t prsr_get_case_preserved_values(void *metactx, uintptr_t trace
   return PRSR_SUCCESS;
 }
 
-extern "C" char *prsr_dup_bytes(void *metactx, const void *bytes, uint32_t length) {
+extern "C" PRSR_INTERNAL char *prsr_dup_bytes(void *metactx, const void *bytes, uint32_t length) {
   if (metactx == nullptr)
     return nullptr;
   auto *p = static_cast<char *>(u_allocm(metactx, uint64_t{length} + 1));

@@ -2,8 +2,9 @@
 #include "frame/frame.h"
 #include "registry/registry.h"
 
-extern "C" void prsr_report_hvs_failure(void *hvs_handle, uintptr_t trace_comp, const char *caller,
-                                        const char *api, int32_t code, const char *key) {
+extern "C" PRSR_INTERNAL void prsr_report_hvs_failure(void *hvs_handle, uintptr_t trace_comp,
+                                                      const char *caller, const char *api,
+                                                      int32_t code, const char *key) {
   char msg[1024];
   msg[0] = '\0';
   uint32_t len = sizeof msg;

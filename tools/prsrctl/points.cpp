@@ -10,6 +10,7 @@
 #include <memory>
 #include <optional>
 
+#include "frame/words.h"
 #include "points.h"
 
 namespace prsrctl {
@@ -33,21 +34,21 @@ int32_t probe_database(Session &s, const std::string &db) {
 
 namespace {
 
-const char *const kRoleWords[] = {"PRIMARY", "PHYSICAL_STANDBY", "LOGICAL_STANDBY",
-                                  "SNAPSHOT_STANDBY"};
+using prsr::kRoleCount;
+using prsr::kRoleWords;
 
 /* A role word in any case, with "-" for "_", as its number. */
 std::optional<uint32_t> parse_role(std::string word) {
   for (char &c : word)
     c = c == '-' ? '_' : static_cast<char>(std::toupper(static_cast<unsigned char>(c)));
-  for (uint32_t r = 0; r < 4; ++r)
+  for (uint32_t r = 0; r < kRoleCount; ++r)
     if (word == kRoleWords[r])
       return r;
   return std::nullopt;
 }
 
 std::string role_word(uint32_t role) {
-  std::string w = role < 4 ? kRoleWords[role] : "unknown";
+  std::string w = role < kRoleCount ? kRoleWords[role] : "unknown";
   std::transform(w.begin(), w.end(), w.begin(),
                  [](unsigned char c) { return static_cast<char>(std::tolower(c)); });
   return w;
