@@ -6,13 +6,13 @@
 #include <chrono>
 #include <cstring>
 
-#include "fixture.h"
+#include "testkit.h"
 #include "lock_holder.h"
 #include "lks.h"
 #include "mp.h"
 #include "util/umem.h"
 
-using namespace prsrtest;
+using namespace testkit;
 
 namespace {
 
@@ -207,39 +207,6 @@ TEST_F(DbConfig, MissingOrUnreadableDatabase) {
     EXPECT_EQ(nullptr, f.cfg);
   }
   EXPECT_EQ(before, Held::now());
-}
-
-TEST_F(DbConfig, BadInputIsRefusedBeforeTheLock) {
-  Session s;
-  prsr_cfg *cfg = reinterpret_cast<prsr_cfg *>(&s);
-  EXPECT_EQ(PRSR_ERR_SESSION, prsr_fetch_db_config(s.status(), nullptr, "sales", &cfg));
-  EXPECT_EQ(nullptr, cfg);
-  EXPECT_EQ(PRSR_ERR_SESSION, prsr_fetch_db_config(s.status(), nullptr, nullptr, nullptr));
-  prsr_ctx fake;
-  std::memset(&fake, 0, sizeof fake);
-  EXPECT_EQ(PRSR_ERR_SESSION, prsr_fetch_db_config(s.status(), &fake, "sales", &cfg));
-
-  /* DATABASE.DATABASES.<db>.DB_CLU_ALIAS.IP must fit 2047 bytes. */
-  const std::string longest(2047 - 35, 'x'), too_long(2048 - 35, 'x');
-  fault_reset();
-  Held before = Held::now();
-  cfg = reinterpret_cast<prsr_cfg *>(&s);
-  EXPECT_EQ(PRSR_ERR_ARGUMENT, prsr_fetch_db_config(s.status(), s.ctx(), nullptr, &cfg));
-  EXPECT_EQ(nullptr, cfg);
-  EXPECT_EQ(PRSR_ERR_ARGUMENT, prsr_fetch_db_config(s.status(), s.ctx(), too_long.c_str(), &cfg));
-  EXPECT_EQ(PRSR_ERR_ARGUMENT, prsr_fetch_db_config(s.status(), s.ctx(), "sales", nullptr));
-  EXPECT_EQ(0, fault_count_alloc() + fault_count_lock() + fault_count_registry());
-  /* The longest accepted name reaches the registry, which refuses it. */
-  EXPECT_EQ(PRSR_ERR_REGISTRY, prsr_fetch_db_config(s.status(), s.ctx(), longest.c_str(), &cfg));
-  EXPECT_EQ(before, Held::now());
-
-  EXPECT_EQ(PRSR_SUCCESS, prsr_release_db_config(s.status(), s.ctx(), nullptr));
-  EXPECT_EQ(PRSR_SUCCESS, prsr_release_db_config(s.status(), s.ctx(),
-                                                 reinterpret_cast<prsr_cfg *>(&fake)));
-  Fetch f(s, "sales");
-  ASSERT_EQ(PRSR_SUCCESS, f.rc);
-  EXPECT_EQ(PRSR_ERR_SESSION, prsr_release_db_config(s.status(), nullptr, f.cfg));
-  EXPECT_STREQ("PRSRCFGB", f->tag); /* left alone */
 }
 
 TEST_F(DbConfig, InstanceEntries) {

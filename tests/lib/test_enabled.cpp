@@ -1,16 +1,7 @@
-/* The database enable flag: read, write, locking, bad input. */
-#include <signal.h>
-#include <sys/wait.h>
-#include <unistd.h>
+/* The database enable flag: reads and writes. */
+#include "testkit.h"
 
-#include <chrono>
-#include <cstring>
-
-#include "fixture.h"
-#include "lock_holder.h"
-#include "lks.h"
-
-using namespace prsrtest;
+using namespace testkit;
 
 namespace {
 struct DbEnabled : ::testing::Test {
@@ -71,48 +62,4 @@ TEST_F(DbEnabled, WritesLowerCaseWordsWithTheirNul) {
   EXPECT_EQ(PRSR_ERR_REGISTRY, prsr_set_db_enabled(s.status(), s.ctx(), "nodb", 1));
   EXPECT_EQ(std::nullopt, reg.value("DATABASE.DATABASES.nodb.ENABLED"));
   EXPECT_EQ(0, fault_held_locks());
-}
-
-TEST_F(DbEnabled, BadInputIsRefused) {
-  Session s;
-  uint32_t flag = 0;
-  EXPECT_EQ(PRSR_ERR_SESSION, prsr_get_db_enabled(s.status(), nullptr, "sales", &flag));
-  EXPECT_EQ(PRSR_ERR_SESSION, prsr_set_db_enabled(s.status(), nullptr, nullptr, 1));
-  EXPECT_EQ(PRSR_ERR_ARGUMENT, prsr_get_db_enabled(s.status(), s.ctx(), nullptr, &flag));
-  EXPECT_EQ(PRSR_ERR_ARGUMENT, prsr_get_db_enabled(s.status(), s.ctx(), "sales", nullptr));
-  EXPECT_EQ(PRSR_ERR_ARGUMENT, prsr_set_db_enabled(s.status(), s.ctx(), nullptr, 1));
-  std::string longest(2048 - 28, 'x'); /* the key just fits 2047 bytes */
-  std::string too_long(2048 - 27, 'x');
-  /* The longest name reaches the registry, which refuses a 2020-byte
-   * component; one byte more is refused before any registry call. */
-  EXPECT_EQ(PRSR_ERR_REGISTRY, prsr_get_db_enabled(s.status(), s.ctx(), longest.c_str(), &flag));
-  EXPECT_EQ(PRSR_ERR_ARGUMENT, prsr_get_db_enabled(s.status(), s.ctx(), too_long.c_str(), &flag));
-  EXPECT_EQ(PRSR_ERR_ARGUMENT, prsr_set_db_enabled(s.status(), s.ctx(), too_long.c_str(), 1));
-
-  /* A session whose tag is gone. */
-  prsr_ctx fake;
-  std::memset(&fake, 0, sizeof fake);
-  EXPECT_EQ(PRSR_ERR_SESSION, prsr_get_db_enabled(s.status(), &fake, "sales", &flag));
-}
-
-/* An exclusive holder in another process keeps a second writer out until it
- * releases; the refused writer changes nothing. */
-TEST_F(DbEnabled, ExclusiveHolderKeepsOutASecondWriterAcrossProcesses) {
-  LockHolder holder("FLTM.DATABASE.DATABASES.sales", false);
-  ASSERT_TRUE(holder.granted());
-
-  Session s;
-  auto t0 = std::chrono::steady_clock::now();
-  EXPECT_EQ(PRSR_ERR_LOCK, prsr_set_db_enabled(s.status(), s.ctx(), "sales", 0));
-  EXPECT_GE(std::chrono::steady_clock::now() - t0, std::chrono::milliseconds(250));
-  EXPECT_EQ(LKS_ERR_TIMEOUT, lks_status_code(s.status()));
-  EXPECT_EQ(bytes("true"), reg.value("DATABASE.DATABASES.sales.ENABLED"));
-  /* Reads take no lock and go on meanwhile. */
-  uint32_t flag = 0;
-  EXPECT_EQ(PRSR_SUCCESS, prsr_get_db_enabled(s.status(), s.ctx(), "sales", &flag));
-  EXPECT_EQ(1u, flag);
-
-  EXPECT_EQ(0, holder.release());
-  EXPECT_EQ(PRSR_SUCCESS, prsr_set_db_enabled(s.status(), s.ctx(), "sales", 0));
-  EXPECT_EQ(bytes("false"), reg.value("DATABASE.DATABASES.sales.ENABLED"));
 }

@@ -8,11 +8,11 @@
 #include <functional>
 #include <thread>
 
-#include "fixture.h"
+#include "testkit.h"
 #include "lks.h"
 #include "nodeconfig/nodeconfig.h"
 
-using namespace prsrtest;
+using namespace testkit;
 
 namespace {
 
@@ -270,56 +270,6 @@ TEST_F(NodeConfig, NodeMissingEntryAndRelease) {
   EXPECT_EQ(PRSR_SUCCESS, prsr_release_vlm_config(s.status(), s.ctx(), vcfg));
 }
 
-/* Names that cannot be used are refused before any allocation, registry
- * call or lock. The longest usable names reach the registry. */
-TEST_F(NodeConfig, BadInputIsRefusedBeforeAnyWork) {
-  std::string fit_vlm(2048 - 28 - 2, 'v'), long_vlm(fit_vlm + "v");
-  std::string fit_node(2048 - 34, 'n'), long_node(fit_node + "n");
-  uint32_t flag = 0;
-  char buf[16];
-  prsr_vlm_cfg *vcfg = nullptr;
-  prsr_nodeapps_cfg *ncfg = nullptr;
-  struct Case {
-    const char *what;
-    std::function<int32_t()> op;
-    int32_t want;
-  } cases[] = {
-      {"vlm fetch NULL", [&] { return fetch_vlm(nullptr, "b", &vcfg); }, PRSR_ERR_ARGUMENT},
-      {"vlm fetch NULL out", [&] { return fetch_vlm("a", "b", nullptr); }, PRSR_ERR_ARGUMENT},
-      {"vlm fetch long", [&] { return fetch_vlm("a", long_vlm.c_str(), &vcfg); }, PRSR_ERR_ARGUMENT},
-      {"vlm enabled NULL",
-       [&] { return prsr_get_vlm_enabled(s.status(), s.ctx(), "a", nullptr, &flag); },
-       PRSR_ERR_ARGUMENT},
-      {"vlm name NULL buffer",
-       [&] { return prsr_get_vlm_name(s.status(), s.ctx(), "a", "b", 4, nullptr); },
-       PRSR_ERR_ARGUMENT},
-      {"node NULL", [&] { return fetch_node(nullptr, &ncfg); }, PRSR_ERR_ARGUMENT},
-      {"node empty", [&] { return fetch_node("", &ncfg); }, PRSR_ERR_ARGUMENT},
-      {"node long", [&] { return fetch_node(long_node.c_str(), &ncfg); }, PRSR_ERR_ARGUMENT},
-      {"no session", [&] { return prsr_fetch_vlm_config(s.status(), nullptr, "a", "b", &vcfg); },
-       PRSR_ERR_SESSION},
-  };
-  for (auto &c : cases) {
-    fault_reset();
-    EXPECT_EQ(c.want, c.op()) << c.what;
-    EXPECT_EQ(0, fault_count_alloc() + fault_count_registry() + fault_count_lock()) << c.what;
-  }
-  EXPECT_EQ(nullptr, vcfg);
-  EXPECT_EQ(nullptr, ncfg);
-  /* What the registry makes of them is its own affair. */
-  std::function<int32_t()> fitting[] = {
-      [&] { return fetch_vlm("a", fit_vlm.c_str(), &vcfg); },
-      [&] { return prsr_get_vlm_enabled(s.status(), s.ctx(), "a", fit_vlm.c_str(), &flag); },
-      [&] { return prsr_get_vlm_name(s.status(), s.ctx(), "a", fit_vlm.c_str(), 16, buf); },
-      [&] { return fetch_node(fit_node.c_str(), &ncfg); },
-  };
-  for (auto &op : fitting) {
-    fault_reset();
-    EXPECT_NE(PRSR_ERR_ARGUMENT, op());
-    EXPECT_GT(fault_count_registry(), 0);
-  }
-}
-
 /* The fetch gives back its lock with the caller's status record and fails
  * when the lock service refuses the release. Here the lock is really gone:
  * another thread of the client released the name on the session's handle
@@ -410,49 +360,4 @@ TEST(NetClass, Classifies) {
       {0, "UNKNOWN"}, {1, "PRIVATE"}, {2, "PUBLIC"}, {3, "LOCAL"}, {4, "UNKNOWN"}, {-1, "UNKNOWN"}};
   for (auto &[cls, word] : words)
     EXPECT_EQ(word, prsr_net_class_word(cls)) << cls;
-}
-
-TEST_F(NodeConfig, FailureSweeps) {
-  vlm_entry();
-  /* A name longer than the first read of prsr_open_get_value. */
-  reg.text("DATABASE.VLM.storage." + std::string(100, 'v'), std::string(100, 'V'));
-  node_entry();
-  reg.raw(kNode + ".VIP", "");
-  reg.text(kNode + ".VIP.IP", "10.9.9.9");
-  std::string second(100, 'v');
-
-  auto vlm = [&] {
-    prsr_vlm_cfg *cfg = nullptr;
-    int32_t rc = fetch_vlm("Storage", "VLM1", &cfg);
-    EXPECT_TRUE(rc == PRSR_SUCCESS || cfg == nullptr) << "record handed out with " << rc;
-    prsr_release_vlm_config(s.status(), s.ctx(), cfg);
-    return rc;
-  };
-  auto node = [&] {
-    prsr_nodeapps_cfg *cfg = nullptr;
-    int32_t rc = fetch_node("Node1", &cfg);
-    EXPECT_TRUE(rc == PRSR_SUCCESS || cfg == nullptr) << "record handed out with " << rc;
-    prsr_release_nodeapps_config(s.status(), s.ctx(), cfg);
-    return rc;
-  };
-  auto enabled = [&] {
-    uint32_t f = 0;
-    return prsr_get_vlm_enabled(s.status(), s.ctx(), "storage", "vlm1", &f);
-  };
-  auto name = [&] {
-    char buf[128];
-    return prsr_get_vlm_name(s.status(), s.ctx(), "storage", second.c_str(), sizeof buf, buf);
-  };
-  /* The fetch takes a value that could not be read as it is, so it may
-   * still succeed under an allocation or registry failure. */
-  EXPECT_GT(sweep("vlm/alloc", Fault::Alloc, {0, 2}, vlm), 5);
-  EXPECT_GT(sweep("vlm/registry", Fault::Registry, {0, 3}, vlm), 5);
-  EXPECT_EQ(sweep("vlm/lock", Fault::Lock, {5}, vlm), 1);
-  EXPECT_GT(sweep("node/alloc", Fault::Alloc, {2}, node), 5);
-  EXPECT_GT(sweep("node/registry", Fault::Registry, {0, 3}, node), 5);
-  EXPECT_EQ(sweep("node/lock", Fault::Lock, {5}, node), 1);
-  EXPECT_GT(sweep("vlm enabled/alloc", Fault::Alloc, {2}, enabled), 0);
-  EXPECT_GT(sweep("vlm enabled/registry", Fault::Registry, {3}, enabled), 0);
-  EXPECT_GT(sweep("vlm name/alloc", Fault::Alloc, {2}, name), 0);
-  EXPECT_GT(sweep("vlm name/registry", Fault::Registry, {3, 18}, name), 2);
 }

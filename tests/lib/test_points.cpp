@@ -2,9 +2,9 @@
  * the supported answer and the failover policy. */
 #include <cstring>
 
-#include "points_fixture.h"
+#include "testkit.h"
 
-using namespace prsrtest;
+using namespace testkit;
 
 namespace {
 struct ServicePoints : ::testing::Test {

@@ -1,7 +1,6 @@
-/* The point operations under failure and across processes: every
- * allocation, registry call and lock call failed in turn; the lock modes
- * against a holder in another process; a service flipped by some
- * processes while others look at it. */
+/* The point operations across processes: the lock modes against a holder
+ * in another process; a service flipped by some processes while others
+ * look at it. */
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -10,82 +9,20 @@
 
 #include "lks.h"
 #include "lock_holder.h"
-#include "points_fixture.h"
+#include "testkit.h"
 #include "registry/registry.h"
 
-using namespace prsrtest;
+using namespace testkit;
 
 namespace {
 struct PointFaults : ::testing::Test {
   Registry reg;
   void SetUp() override {
     sample_service(reg);
-    reg.text(kSrv + ".FOVPOLICY", std::string(100, 'x')); /* a second read */
   }
 };
 
-using Op = std::function<int32_t()>;
-struct Sweep {
-  const char *what;
-  std::initializer_list<int32_t> allowed;
-  Op op;
-};
 } // namespace
-
-TEST_F(PointFaults, EveryFailureLeavesNothingBehind) {
-  Session s;
-  auto *st = s.status();
-  auto *c = s.ctx();
-  uint32_t w = 0;
-  char buf[64];
-  const std::initializer_list<int32_t> get = {PRSR_ERR_MEMORY, PRSR_ERR_REGISTRY};
-  const std::initializer_list<int32_t> set = {PRSR_ERR_MEMORY, PRSR_ERR_REGISTRY, PRSR_ERR_LOCK};
-  Sweep sweeps[] = {
-      {"get_service_enabled", get, [&] { return prsr_get_service_enabled(st, c, "Sales", "Sales.East", &w); }},
-      /* The service's own flag may fail without failing the call. */
-      {"set_service_enabled", {PRSR_SUCCESS, PRSR_ERR_MEMORY, PRSR_ERR_REGISTRY, PRSR_ERR_LOCK},
-       [&] { return prsr_set_service_enabled(st, c, "Sales", "Sales.East", 1); }},
-      {"get_service_instance_enabled", get,
-       [&] { return prsr_get_service_instance_enabled(st, c, "Sales", "Sales.East", "Sales1", &w); }},
-      {"set_service_instance_enabled", set,
-       [&] { return prsr_set_service_instance_enabled(st, c, "Sales", "Sales.East", "Sales1", 1); }},
-      {"get_service_instance_supported", get,
-       [&] { return prsr_get_service_instance_supported(st, c, "Sales", "Sales.East", "Sales1", &w); }},
-      /* An unreadable policy is no policy; 18 is the injected code on the
-       * second read. */
-      {"get_service_fov_policy", {PRSR_SUCCESS, PRSR_ERR_MEMORY, 18},
-       [&] { return prsr_get_service_fov_policy(st, c, "Sales", "Sales.East", &w); }},
-      {"get_db_role", get, [&] { return prsr_get_db_role(st, c, "Sales", &w); }},
-      {"set_db_role", set, [&] { return prsr_set_db_role(st, c, "Sales", 1); }},
-      {"get_instance_enabled", get, [&] { return prsr_get_instance_enabled(st, c, "Sales", "Sales1", &w); }},
-      {"set_instance_enabled", set, [&] { return prsr_set_instance_enabled(st, c, "Sales", "Sales1", 1); }},
-      {"get_instance_name", get,
-       [&] { return prsr_get_instance_name(st, c, "Sales", "Sales1", sizeof buf, buf); }},
-      {"get_spname", get, [&] { return prsr_get_spname(st, c, "Sales", sizeof buf, buf); }},
-      {"get_node_instance_name", set,
-       [&] { return prsr_get_node_instance_name(st, c, "Sales", "node2", sizeof buf, buf); }},
-      {"get_domain", get,
-       [&] {
-         char *d = nullptr;
-         int32_t rc = prsr_get_domain(st, c, "Sales", &d);
-         if (rc == PRSR_SUCCESS)
-           prsr_free_domain(c, d);
-         else if (d != nullptr)
-           return -1; /* a failed read hands nothing out */
-         return rc;
-       }},
-  };
-  for (auto &sw : sweeps)
-    for (Fault kind : {Fault::Alloc, Fault::Registry, Fault::Lock}) {
-      long fired = sweep(sw.what, kind, sw.allowed, sw.op);
-      if (kind != Fault::Lock) {
-        EXPECT_GT(fired, 0) << sw.what;
-      }
-    }
-  /* Failed writes left whole values behind. */
-  EXPECT_EQ(bytes("true"), reg.value(kSrv + ".ENABLED"));
-  EXPECT_EQ(bytes("PHYSICAL_STANDBY"), reg.value("DATABASE.DATABASES.sales.ROLE"));
-}
 
 /* Which writers a shared and an exclusive holder of the database's lock
  * keep out, and that the refused ones change nothing. */
@@ -98,7 +35,9 @@ TEST_F(PointFaults, LockModesAgainstAnotherProcess) {
                 {"set_db_role", PRSR_SUCCESS, PRSR_ERR_LOCK},
                 {"set_instance_enabled", PRSR_ERR_LOCK, PRSR_ERR_LOCK},
                 {"get_node_instance_name", PRSR_SUCCESS, PRSR_ERR_LOCK},
-                {"get_service_enabled", PRSR_SUCCESS, PRSR_SUCCESS}};
+                {"get_service_enabled", PRSR_SUCCESS, PRSR_SUCCESS},
+                {"set_db_enabled", PRSR_ERR_LOCK, PRSR_ERR_LOCK},
+                {"get_db_enabled", PRSR_SUCCESS, PRSR_SUCCESS}};
   for (bool shared : {true, false}) {
     SCOPED_TRACE(shared ? "shared holder" : "exclusive holder");
     sample_service(reg);
@@ -114,13 +53,20 @@ TEST_F(PointFaults, LockModesAgainstAnotherProcess) {
         [&] { return prsr_set_instance_enabled(s.status(), s.ctx(), "sales", "sales1", 0); },
         [&] { return prsr_get_node_instance_name(s.status(), s.ctx(), "sales", "node1", 64, buf); },
         [&] { return prsr_get_service_enabled(s.status(), s.ctx(), "sales", "sales.east", &w); },
+        [&] { return prsr_set_db_enabled(s.status(), s.ctx(), "sales", 0); },
+        [&] { return prsr_get_db_enabled(s.status(), s.ctx(), "sales", &w); },
     };
-    for (size_t i = 0; i < std::size(ops); ++i)
-      EXPECT_EQ(shared ? expect[i].beside_shared : expect[i].beside_exclusive, ops[i]())
-          << expect[i].op;
+    for (size_t i = 0; i < std::size(ops); ++i) {
+      int32_t want = shared ? expect[i].beside_shared : expect[i].beside_exclusive;
+      EXPECT_EQ(want, ops[i]()) << expect[i].op;
+      if (want == PRSR_ERR_LOCK) {
+        EXPECT_EQ(LKS_ERR_TIMEOUT, lks_status_code(s.status())) << expect[i].op;
+      }
+    }
     EXPECT_EQ(bytes(shared ? "LOGICAL_STANDBY" : "PRIMARY"), reg.value("DATABASE.DATABASES.sales.ROLE"));
     EXPECT_EQ(bytes(shared ? "true" : "false"), reg.value(srv_inst("sales2") + ".ENABLED"));
     EXPECT_EQ(bytes("true"), reg.value(kSrv + ".ENABLED"));
+    EXPECT_EQ(bytes("true"), reg.value("DATABASE.DATABASES.sales.ENABLED"));
     EXPECT_EQ(bytes("true"), reg.value("DATABASE.DATABASES.sales.INSTANCE.sales1.ENABLED"));
     EXPECT_EQ(0, fault_held_locks());
   }

@@ -1,10 +1,10 @@
 /* The shared value readers and the failure report. */
 #include <cstring>
 
-#include "fixture.h"
+#include "testkit.h"
 #include "registry/registry.h"
 
-using namespace prsrtest;
+using namespace testkit;
 
 namespace {
 
@@ -143,27 +143,4 @@ TEST_F(Readers, SubkeysAndCasePreservedNames) {
     if (v)
       u_freem(meta(), v);
   free_table(meta(), names, count);
-}
-
-TEST_F(Readers, DupBytes) {
-  char *d = prsr_dup_bytes(meta(), "abc", 2);
-  ASSERT_NE(nullptr, d);
-  EXPECT_STREQ("ab", d);
-  u_freem(meta(), d);
-  EXPECT_EQ(nullptr, prsr_dup_bytes(nullptr, "abc", 3));
-}
-
-TEST_F(Readers, LockNames) {
-  char *lock = nullptr;
-  ASSERT_EQ(0, prsr_lock_branch(s.status(), ctx(), nullptr, 1, &lock));
-  EXPECT_STREQ("FLTM.DATABASE.DATABASES", lock);
-  prsr_unlock_branch(ctx(), lock);
-  ASSERT_EQ(0, prsr_lock_branch(s.status(), ctx(), "sales", 0, &lock));
-  EXPECT_STREQ("FLTM.DATABASE.DATABASES.sales", lock);
-  prsr_unlock_branch(ctx(), lock);
-  ASSERT_EQ(0, prsr_lock_nodeapps(s.status(), ctx(), "node1", &lock));
-  EXPECT_STREQ("FLTM.DATABASE.NODEAPPS.node1", lock);
-  prsr_unlock_nodeapps(ctx(), lock);
-  prsr_unlock_branch(ctx(), nullptr);
-  EXPECT_EQ(0, fault_held_locks());
 }

@@ -1,12 +1,12 @@
 /* Session life cycle, tagged memory and record tags. */
 #include <cstring>
 
-#include "fixture.h"
+#include "testkit.h"
 #include "lks.h"
 #include "mp.h"
 #include "util/umem.h"
 
-using namespace prsrtest;
+using namespace testkit;
 
 TEST(Session, OpensAndClosesAndRefusesAClosedOne) {
   Registry reg;
@@ -48,17 +48,6 @@ TEST(Session, BorrowedLockServiceOutlivesTheSession) {
   lkssterm(&st, lock);
 }
 
-TEST(Session, TwoSessionsAreIndependent) {
-  Registry reg;
-  Session a, b;
-  ASSERT_EQ(0, a.rc());
-  ASSERT_EQ(0, b.rc());
-  EXPECT_NE(a.ctx(), b.ctx());
-  EXPECT_NE(a.ctx()->hvs_handle, b.ctx()->hvs_handle);
-  EXPECT_NE(a.ctx()->lock_handle, b.ctx()->lock_handle);
-  EXPECT_EQ(a.ctx()->metactx, b.ctx()->metactx);
-}
-
 TEST(Session, FailedStartUpsLeaveNothing) {
   Registry reg;
   Held before = Held::now();
@@ -90,31 +79,6 @@ TEST(Session, FailedStartUpsLeaveNothing) {
   EXPECT_EQ(PRSR_ERR_ARGUMENT, prsr_init(&st, nullptr));
 }
 
-TEST(TaggedMemory, BlockLayoutAndSizes) {
-  void *meta = plinit(nullptr);
-  auto *p = static_cast<unsigned char *>(u_allocm(meta, 9));
-  ASSERT_NE(nullptr, p);
-  uint64_t w;
-  std::memcpy(&w, p - 16, 8);
-  EXPECT_EQ(HVSU_BEGIN_MEMTAG, w);
-  std::memcpy(&w, p - 8, 8);
-  EXPECT_EQ(9u, w);
-  std::memcpy(&w, p + 16, 8); /* 9 rounds to 16 */
-  EXPECT_EQ(HVSU_END_MEMTAG, w);
-  for (int i = 0; i < 16; ++i)
-    EXPECT_EQ(0, p[i]);
-  long blocks = fault_live_blocks();
-  u_freem(meta, p);
-  EXPECT_EQ(blocks - 1, fault_live_blocks());
-
-  /* A zero-size block has no payload: its pointer addresses the end tag. */
-  auto *z = static_cast<unsigned char *>(u_allocm(meta, 0));
-  ASSERT_NE(nullptr, z);
-  std::memcpy(&w, z, 8);
-  EXPECT_EQ(HVSU_END_MEMTAG, w);
-  u_freem(meta, z);
-}
-
 TEST(TaggedMemory, DamagedBlocksAreKeptAndLogged) {
   Registry reg;
   Trace trace(reg.dir(), 1);
@@ -138,23 +102,4 @@ TEST(TaggedMemory, DamagedBlocksAreKeptAndLogged) {
   EXPECT_TRUE(trace.has("u_freem: mem passed is null"));
   EXPECT_EQ(nullptr, u_allocm(nullptr, 8));
   EXPECT_TRUE(trace.has("u_allocm: meta ctx is null"));
-}
-
-TEST(TaggedMemory, RecordTags) {
-  Registry reg;
-  Trace trace(reg.dir(), 0);
-  char field[9];
-  std::memset(field, 'x', sizeof field);
-  u_set_tag(field, "PRSRCFGB");
-  EXPECT_EQ('\0', field[8]);
-  EXPECT_EQ(1, u_check_tag(field, "PRSRCFGB"));
-  field[8] = 'Z'; /* byte 8 is not compared */
-  EXPECT_EQ(1, u_check_tag(field, "PRSRCFGB"));
-  field[0] = 'Q';
-  EXPECT_EQ(0, u_check_tag(field, "PRSRCFGB"));
-  EXPECT_TRUE(trace.has("u_check_tag: Tag check failed on 0th comparison for [PRSRCFGB]"));
-  EXPECT_EQ(0, u_check_tag(nullptr, "PRSRCFGB"));
-  EXPECT_TRUE(trace.has("u_check_tag: Parameter passed was NULL"));
-  EXPECT_EQ(field, u_invalidate_tag(field));
-  EXPECT_STREQ("INVALID", field);
 }

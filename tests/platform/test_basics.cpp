@@ -1,6 +1,4 @@
-// Memory manager, trace, text and thread utilities.
-#include "mp.h"
-#include "thr.h"
+// Trace and text utilities.
 #include "trc.h"
 #include "txt.h"
 
@@ -17,12 +15,6 @@
 
 namespace {
 
-void *mpctx_of(void *meta) {
-  void **slot = nullptr;
-  std::memcpy(&slot, static_cast<char *>(meta) + 24, sizeof slot);
-  return *slot;
-}
-
 std::vector<std::string> read_lines(const std::string &path) {
   std::ifstream in(path);
   std::vector<std::string> lines;
@@ -32,28 +24,6 @@ std::vector<std::string> read_lines(const std::string &path) {
 }
 
 } // namespace
-
-TEST(Memory, MetaContextLeadsToAHeapAndZeroedBlocks) {
-  void *meta = plinit(nullptr);
-  ASSERT_NE(meta, nullptr);
-  EXPECT_EQ(plinit(nullptr), meta);
-  void *ctx = mpctx_of(meta);
-  void *heap = mptopheap(ctx);
-  ASSERT_NE(heap, nullptr);
-  EXPECT_EQ(mptopheap(nullptr), nullptr);
-  EXPECT_EQ(mpcalloc(nullptr, heap, 8, 1, 0, "T", 0), nullptr);
-  EXPECT_EQ(mpcalloc(ctx, nullptr, 8, 1, 0, "T", 0), nullptr);
-  EXPECT_EQ(mpcalloc(ctx, heap, UINT64_MAX / 2, 4, 0, "T", 0), nullptr); // overflow
-
-  auto *b = static_cast<unsigned char *>(mpcalloc(ctx, heap, 100, 3, 0, "T", 0));
-  ASSERT_NE(b, nullptr);
-  for (int i = 0; i < 300; ++i)
-    ASSERT_EQ(b[i], 0) << i;
-  mpfree(ctx, heap, b, 0);
-  void *empty = mpcalloc(ctx, heap, 0, 1, 0, "T", 0);
-  EXPECT_NE(empty, nullptr);
-  mpfree(ctx, heap, empty, 0);
-}
 
 class Trace : public ::testing::Test {
 protected:
@@ -235,28 +205,4 @@ TEST(Text, TokensCaseAndFormatting) {
   EXPECT_EQ(big[1024], '#');
   char small[6];
   EXPECT_EQ(txtprintf(small, "%d", 42), 2);
-}
-
-TEST(Threads, ContextIdsAndSleep) {
-  void *ctx = thrinit();
-  ASSERT_NE(ctx, nullptr);
-  EXPECT_EQ(thrinit(), ctx);
-  thr_id a, b;
-  ASSERT_EQ(thridinit(ctx, &a), 0);
-  ASSERT_EQ(thrgetid(ctx, &a), 0);
-  std::thread([&] { thrgetid(ctx, &b); }).join();
-  char ta[32], tb[32];
-  ASSERT_EQ(thridprint(ctx, &a, ta, sizeof ta), 0);
-  ASSERT_EQ(thridprint(ctx, &b, tb, sizeof tb), 0);
-  EXPECT_EQ(std::string(ta), std::to_string(gettid()));
-  EXPECT_STRNE(ta, tb);
-  char tiny[2];
-  EXPECT_NE(thridprint(ctx, &a, tiny, sizeof tiny), 0);
-  EXPECT_EQ(thriddestroy(ctx, &a), 0);
-
-  uint64_t status[2];
-  uint32_t slept = 0;
-  EXPECT_EQ(thrusleep(status, 20000, &slept), 0);
-  EXPECT_GE(slept, 19000u);
-  EXPECT_LT(slept, 500000u);
 }

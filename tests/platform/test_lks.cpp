@@ -1,7 +1,7 @@
 // Named-lock service: exclusion across processes and across handles of one
 // process, writers before later readers, the writes made under a lock, names
 // of any shape, the status record, and clean-up.
-#include "lock_env.h"
+#include "testkit.h"
 #include "lock_holder.h"
 
 #include "hvsadm.h"
@@ -19,7 +19,7 @@
 #include <unistd.h>
 #include <vector>
 
-using namespace test_platform;
+using namespace testkit;
 namespace fs = std::filesystem;
 
 namespace {
@@ -370,39 +370,6 @@ TEST_F(LockTest, TermReleasesEverythingAndGivesTheRecordBack) {
   EXPECT_EQ(try_lock(h2, "one", false).code, LKS_OK);
   EXPECT_EQ(try_lock(h2, "two", false).code, LKS_OK);
   term_ok(h2);
-}
-
-TEST_F(LockTest, BadArgumentsAreRefusedWithoutCrashing) {
-  lks_status st = fresh_status();
-  void *h = nullptr;
-  lks_version v{2, 1};
-  lks_init_params p{};
-  p.alloc = counted_alloc;
-  p.release = counted_free;
-  EXPECT_EQ(lkssinit(&st, &h, &v, &p, 271), LKS_ERR_ARGUMENT);
-  EXPECT_NE(std::string(lks_status_text(&st)), "");
-  lks_version old{2, 0};
-  EXPECT_EQ(lkssinit(&st, &h, &old, &p, 272), LKS_ERR_ARGUMENT);
-  EXPECT_EQ(lkssinit(nullptr, &h, &old, &p, 272), LKS_ERR_ARGUMENT);
-  EXPECT_EQ(lkssinit(&st, nullptr, &v, &p, 272), LKS_ERR_ARGUMENT);
-  lks_init_params no_alloc{};
-  EXPECT_EQ(lkssinit(&st, &h, &v, &no_alloc, 272), LKS_ERR_ARGUMENT);
-  EXPECT_EQ(h, nullptr);
-
-  void *live = open();
-  EXPECT_EQ(lksmutexlock(&st, nullptr, kName), LKS_ERR_ARGUMENT);
-  EXPECT_EQ(lksshrlock(&st, live, nullptr), LKS_ERR_ARGUMENT);
-  EXPECT_EQ(lksunlock(&st, live, nullptr), LKS_ERR_ARGUMENT);
-  EXPECT_EQ(lksmutexlock(nullptr, nullptr, nullptr), LKS_ERR_ARGUMENT);
-  EXPECT_EQ(lkssterm(nullptr, nullptr), LKS_ERR_ARGUMENT);
-  int not_a_handle[16] = {};
-  EXPECT_EQ(lksshrlock(&st, not_a_handle, kName), LKS_ERR_ARGUMENT);
-  // A success after a failure clears the record.
-  EXPECT_EQ(lksmutexlock(&st, live, kName), LKS_OK);
-  EXPECT_EQ(lks_status_code(&st), LKS_OK);
-  EXPECT_STREQ(lks_status_text(&st), "");
-  EXPECT_EQ(lksunlock(nullptr, live, kName), LKS_OK);
-  term_ok(live);
 }
 
 TEST_F(LockTest, EngineFollowsTheRegistryLocation) {

@@ -18,12 +18,12 @@
 #include "hvsadm.h"
 #include "prsr_fault.h"
 #include "registry_agent.h"
-#include "test_util.h"
+#include "testkit.h"
 
 namespace {
 
-using hvstest::last_error;
-using hvstest::TempDir;
+using testkit::last_error;
+using testkit::TempDir;
 using Clock = std::chrono::steady_clock;
 
 constexpr const char *kLock = "FLTM.DATABASE.DATABASES.sales";
@@ -100,9 +100,9 @@ protected:
       loc_ = std::string("zk://") + hosts + "/prsr-test/cache-" + std::to_string(::getpid()) + "-" +
              std::to_string(++counter);
     } else {
-      loc_ = "sqlite:" + dir_.file("registry.db");
+      loc_ = "sqlite:" + dir_.path("registry.db");
     }
-    env_ = std::make_unique<hvstest::RegistryEnv>(loc_);
+    env_ = std::make_unique<testkit::RegistryEnv>(loc_);
     ASSERT_EQ(HVS_OK, hvsadm_open(&adm_, 1, nullptr, nullptr));
     for (const char *k :
          {"DATABASE", "DATABASE.DATABASES", "DATABASE.DATABASES.sales",
@@ -114,7 +114,7 @@ protected:
     setenv("HVS_CACHE", "off", 1);
     ASSERT_EQ(HVS_OK, hvsapi_init_ext(&stored_, 3, nullptr, nullptr, 0));
     unsetenv("HVS_CACHE");
-    ASSERT_EQ(LKS_OK, hvstest::open_locks(&st_, &locks_)) << lks_status_text(&st_);
+    ASSERT_EQ(LKS_OK, testkit::open_locks(&st_, &locks_)) << lks_status_text(&st_);
   }
   void TearDown() override {
     if (locks_ != nullptr)
@@ -155,8 +155,8 @@ protected:
     }
     EXPECT_EQ(value, read(h_, name)) << name;
   }
-  hvstest::Result hvsctl(const std::string &args) {
-    return hvstest::run_shell(dir_, std::string(HVSCTL_PATH) + " " + args);
+  testkit::Result hvsctl(const std::string &args) {
+    return testkit::run_shell(dir_, std::string(HVSCTL_PATH) + " " + args);
   }
   hvsadm_cache_info stats() {
     hvsadm_cache_info info{};
@@ -166,7 +166,7 @@ protected:
 
   TempDir dir_;
   std::string loc_;
-  std::unique_ptr<hvstest::RegistryEnv> env_;
+  std::unique_ptr<testkit::RegistryEnv> env_;
   void *adm_ = nullptr, *h_ = nullptr, *stored_ = nullptr, *locks_ = nullptr;
   lks_status st_{};
 };
@@ -177,7 +177,7 @@ protected:
 // the last round whose lock was given back before the reader asked for
 // its own. On SQLite a read without a lock is never older either.
 TEST_P(CacheAgainst, ReaderUnderSharedLockSeesEveryWriteOfTheLastWriter) {
-  Published pub(dir_.file("published"));
+  Published pub(dir_.path("published"));
   const int rounds = zk() ? 1000 : 2000;
   std::vector<std::string> args = {"write", kLock, "1", std::to_string(rounds), pub.path()};
   args.insert(args.end(), kKeys.begin(), kKeys.end());
@@ -215,7 +215,7 @@ TEST_P(CacheAgainst, ReaderUnderSharedLockSeesEveryWriteOfTheLastWriter) {
 // of a write or of a commit: afterwards every read, under the lock or
 // without, gives what is stored.
 TEST_P(CacheAgainst, WriterKilledAnywhereLeavesNoStaleRead) {
-  Published pub(dir_.file("published"));
+  Published pub(dir_.path("published"));
   setenv("HVS_ZK_SESSION_MS", "2000", 1); // the dead writer's lock goes with its session
   std::minstd_rand rng(7);
   long next = 1;
@@ -274,14 +274,14 @@ TEST_P(CacheAgainst, OtherWritersAreSeenByTheNextRead) {
   expect_seen(added, "yes");
   EXPECT_EQ((std::vector<std::string>{"ADDED", "ENABLED", "INSTANCE", "ROLE"}),
             subkeys(h_, "DATABASE.DATABASES.sales"));
-  ASSERT_EQ(0, hvsctl("backup " + dir_.file("backup.json")).status);
+  ASSERT_EQ(0, hvsctl("backup " + dir_.path("backup.json")).status);
   ASSERT_EQ(0, hvsctl("delete " + added).status);
   expect_seen(added, "<missing>");
-  ASSERT_EQ(0, hvsctl("restore " + dir_.file("backup.json")).status);
+  ASSERT_EQ(0, hvsctl("restore " + dir_.path("backup.json")).status);
   expect_seen(added, "yes");
   if (!zk()) {
     std::string db = loc_.substr(std::string("sqlite:").size());
-    auto shell = hvstest::run_shell(
+    auto shell = testkit::run_shell(
         dir_, "sqlite3 " + db +
                   " \"UPDATE hvs_key SET value = CAST('SHELL' AS BLOB) || x'00' WHERE path = "
                   "CAST('" +
@@ -299,7 +299,7 @@ INSTANTIATE_TEST_SUITE_P(Engines, CacheAgainst, ::testing::Values("sqlite", "zk"
 // the mappings of every other process (a bus error at their next read).
 TEST(Cache, KeepsSqlitesClaimOnItsSharedMemory) {
   TempDir dir;
-  hvstest::RegistryEnv env("sqlite:" + dir.file("registry.db"));
+  testkit::RegistryEnv env("sqlite:" + dir.path("registry.db"));
   void *adm = nullptr, *h = nullptr;
   ASSERT_EQ(HVS_OK, hvsadm_open(&adm, 1, nullptr, nullptr));
   ASSERT_EQ(HVS_OK, hvsadm_create_key(adm, "K", 1, "v", 2));
@@ -312,7 +312,7 @@ TEST(Cache, KeepsSqlitesClaimOnItsSharedMemory) {
 
   // Another process asks whether it could take the "last one out" byte of
   // the index (offset 128) for itself.
-  const std::string shm = dir.file("registry.db-shm");
+  const std::string shm = dir.path("registry.db-shm");
   pid_t child = ::fork();
   ASSERT_GE(child, 0);
   if (child == 0) {
@@ -337,7 +337,7 @@ TEST(Cache, KeepsSqlitesClaimOnItsSharedMemory) {
 // right, twice, and it keeps within the megabyte.
 TEST(Cache, StaysWithinItsBoundAndReadsRightThroughEvictions) {
   TempDir dir;
-  hvstest::RegistryEnv env("sqlite:" + dir.file("registry.db"));
+  testkit::RegistryEnv env("sqlite:" + dir.path("registry.db"));
   void *adm = nullptr, *h = nullptr;
   ASSERT_EQ(HVS_OK, hvsadm_open(&adm, 1, nullptr, nullptr));
   hvsadm_cache_info info{};
@@ -374,7 +374,7 @@ TEST(Cache, StaysWithinItsBoundAndReadsRightThroughEvictions) {
   hvsapi_terminate(h);
   hvsapi_terminate(adm);
 
-  hvstest::RegistryEnv mem("mem:cache-" + std::to_string(::getpid()));
+  testkit::RegistryEnv mem("mem:cache-" + std::to_string(::getpid()));
   ASSERT_EQ(HVS_OK, hvsadm_open(&adm, 1, nullptr, nullptr));
   ASSERT_EQ(HVS_OK, hvsapi_init_ext(&h, 3, nullptr, nullptr, 0));
   EXPECT_EQ(HVS_OK, hvsadm_cache_stats(h, &info));

@@ -9,13 +9,13 @@
 #include <vector>
 
 #include "hvsadm.h"
-#include "test_util.h"
+#include "testkit.h"
 
 namespace {
 
-using hvstest::last_error;
-using hvstest::RegistryEnv;
-using hvstest::TempDir;
+using testkit::last_error;
+using testkit::RegistryEnv;
+using testkit::TempDir;
 
 struct Walked {
   std::string name;
@@ -36,7 +36,7 @@ protected:
              std::to_string(::getpid()) + "-" + std::to_string(++counter);
     } else {
       loc_ = GetParam() == "sqlite"
-                 ? "sqlite:" + dir_.file("registry.db")
+                 ? "sqlite:" + dir_.path("registry.db")
                  : "mem:contract-" + std::to_string(::getpid()) + "-" +
                        std::to_string(++counter);
     }
@@ -381,16 +381,16 @@ INSTANTIATE_TEST_SUITE_P(Engines, Contract,
 // cause, whatever is wrong with it.
 TEST(RegistryOpen, FailuresNameTheLocation) {
   TempDir dir;
-  std::ofstream(dir.file("garbage.db")) << std::string(4096, 'g');
-  std::ofstream(dir.file("empty.db")); // a valid, empty SQLite database
+  std::ofstream(dir.path("garbage.db")) << std::string(4096, 'g');
+  std::ofstream(dir.path("empty.db")); // a valid, empty SQLite database
   struct Case {
     std::string loc;
     int32_t code;
     const char *cause;
   } cases[] = {
-      {"sqlite:" + dir.file("missing.db"), HVS_ERR_UNREACHABLE, "No such file"},
-      {"sqlite:" + dir.file("garbage.db"), HVS_ERR_CORRUPT, "not a database"},
-      {"sqlite:" + dir.file("empty.db"), HVS_ERR_CORRUPT, "no registry"},
+      {"sqlite:" + dir.path("missing.db"), HVS_ERR_UNREACHABLE, "No such file"},
+      {"sqlite:" + dir.path("garbage.db"), HVS_ERR_CORRUPT, "not a database"},
+      {"sqlite:" + dir.path("empty.db"), HVS_ERR_CORRUPT, "no registry"},
       {"mem:never-created", HVS_ERR_UNREACHABLE, "no such in-memory"},
       {"zk://127.0.0.1:1/hvs", HVS_ERR_UNREACHABLE, "ZooKeeper"}, /* nothing listens */
       {"ftp://x", HVS_ERR_UNREACHABLE, "unknown scheme"},
@@ -406,10 +406,10 @@ TEST(RegistryOpen, FailuresNameTheLocation) {
     EXPECT_NE(std::string::npos, std::string(msg).find(c.loc)) << msg;
     EXPECT_NE(std::string::npos, std::string(msg).find(c.cause)) << msg;
   }
-  EXPECT_FALSE(std::filesystem::exists(dir.file("missing.db")));
+  EXPECT_FALSE(std::filesystem::exists(dir.path("missing.db")));
 
   // A short message buffer gets a cut, terminated text.
-  RegistryEnv env("sqlite:" + dir.file("missing.db"));
+  RegistryEnv env("sqlite:" + dir.path("missing.db"));
   void *h = nullptr;
   char msg[6];
   std::memset(msg, 'x', sizeof msg);
@@ -420,7 +420,7 @@ TEST(RegistryOpen, FailuresNameTheLocation) {
 
 TEST(RegistryOpen, AdminOpenCreatesTheFileAndItsDirectory) {
   TempDir dir;
-  std::string path = dir.file("sub/dir/registry.db");
+  std::string path = dir.path("sub/dir/registry.db");
   RegistryEnv env("sqlite:" + path);
   void *h = nullptr;
   ASSERT_EQ(HVS_OK, hvsadm_open(&h, 1, nullptr, nullptr));

@@ -7,9 +7,9 @@
 
 #include "util/errtab.h"
 #include "util/umem.h"
-#include "util_fixture.h"
+#include "testkit.h"
 
-using utiltest::metactx;
+using testkit::metactx;
 
 namespace {
 
@@ -57,7 +57,7 @@ protected:
     return rec;
   }
 
-  utiltest::Scratch scratch_;
+  testkit::TempDir scratch_;
   hvs_util_ctx ctx_{};
   hvs_error_table table_{};
 };
@@ -76,7 +76,7 @@ TEST_F(ErrorTable, InsertedThreadHasItsOwnRecordUntilDeleted) {
   EXPECT_LT(fault_live_blocks(), before) << "the record and the node are freed";
   EXPECT_EQ(table_.global_error, current());
 
-  utiltest::Trace t(scratch_, 1);
+  testkit::Trace t(scratch_, 1);
   u_delete_error(&ctx_, key.c_str());
   EXPECT_TRUE(t.has("HVSUTL", 1, "u_delete_error: Hashkey " + key + " remove failed with retval 0"));
 }
@@ -172,7 +172,7 @@ TEST_F(ErrorTable, ComponentTextsAndTheirLimits) {
 }
 
 TEST_F(ErrorTable, IncompleteContextRecordsNothing) {
-  utiltest::Trace t(scratch_, 0);
+  testkit::Trace t(scratch_, 0);
   ctx_.format_handle = nullptr;
   u_set_hvs_error(&ctx_, nullptr, 7, "x");
   u_set_comp_error_cur(&ctx_, U_MSG_PLAIN_TEXT, 1, "y");
@@ -193,40 +193,6 @@ TEST_F(ErrorTable, FillErrorBufferCutsToItsSize) {
   char big[64];
   u_fill_errorbuf(&ctx_, big, sizeof big, 7, "v");
   EXPECT_STREQ("value [v] refused", big);
-}
-
-// Reference values from a separate implementation of the published lookup2
-// description (12-byte little-endian blocks, golden ratio 0x9e3779b9, the
-// length added into c before the tail); no published vectors were found.
-TEST(ErrorHash, Lookup2KnownValues) {
-  struct {
-    const char *key;
-    uint32_t init, hash;
-  } cases[] = {
-      {"", 0, 0xbd49d10d},
-      {"", U_ERROR_HASH_INIT, 0x1ed66bd1},
-      {"a", 0, 0x29eec818},
-      {"abc", 0, 0x251e4793},
-      {"12345", U_ERROR_HASH_INIT, 0x5753e393},
-      {"12345678901", U_ERROR_HASH_INIT, 0xb1224eb1},  // tail reaches c
-      {"hello world!", U_ERROR_HASH_INIT, 0xb3d15e95}, // one whole block
-      {"140212345678", U_ERROR_HASH_INIT, 0xeffb2bcb},
-      {"The quick brown fox jumps over the lazy dog", 0, 0xfc1558de},
-  };
-  for (const auto &c : cases)
-    EXPECT_EQ(c.hash, u_lookup2(c.key, static_cast<uint32_t>(std::strlen(c.key)), c.init))
-        << "[" << c.key << "]";
-}
-
-TEST(ErrorHash, BucketIsLow16BitsModuloBuckets) {
-  EXPECT_EQ((0x5753e393u & 0xffffu) % 101u, u_error_hash(nullptr, "12345", 101));
-  EXPECT_EQ(0u, u_error_hash(nullptr, "140212345678", 101)); // 0x2bcb = 11211 = 111 * 101
-  for (const char *key : {"1", "4711", "140212345678"}) {
-    uint32_t b = u_error_hash(nullptr, key, 7);
-    EXPECT_LT(b, 7u);
-    EXPECT_EQ(b, u_error_hash(nullptr, key, 7)) << "no seed";
-  }
-  EXPECT_EQ(0u, u_error_hash(nullptr, "x", 1));
 }
 
 } // namespace

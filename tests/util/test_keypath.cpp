@@ -5,9 +5,9 @@
 #include <string>
 
 #include "util/keypath.h"
-#include "util_fixture.h"
+#include "testkit.h"
 
-using utiltest::metactx;
+using testkit::metactx;
 
 namespace {
 
@@ -117,8 +117,8 @@ TEST(KeyPath, CheckKeyComp) {
 }
 
 TEST(KeyPath, CheckKeyCompLogsBothCasesForLongInnerComponent) {
-  utiltest::Scratch s;
-  utiltest::Trace t(s, 0);
+  testkit::TempDir s;
+  testkit::Trace t(s, 0);
   std::string name = std::string(256, 'c') + ".a";
   EXPECT_EQ(1, u_check_keycomp(metactx(), name.c_str()));
   EXPECT_TRUE(t.has("HVSUTL", 0, "u_check_keycomp:3': Case 2"));

@@ -6,7 +6,7 @@
 
 #include "rsmgr.h"
 #include "util/mvlmd.h"
-#include "util_fixture.h"
+#include "testkit.h"
 
 namespace {
 
@@ -49,7 +49,7 @@ protected:
     return m;
   }
 
-  utiltest::Scratch scratch_;
+  testkit::TempDir scratch_;
   uintptr_t comp_ = 0;
 };
 
@@ -74,7 +74,7 @@ TEST_F(Mvlmd, OneSwitchDecidesBothAttributes) {
 }
 
 TEST_F(Mvlmd, FailedRegistrationIsQueued) {
-  utiltest::Trace t(scratch_, 5);
+  testkit::Trace t(scratch_, 5);
   setenv("HVS_RSM_FAIL", "register:1", 1);
   EXPECT_EQ(0, u_mvlmd(nullptr, comp_, 1));
   EXPECT_TRUE(t.has("MVLMDTEST", 1,
@@ -96,7 +96,7 @@ TEST_F(Mvlmd, FailedRegistrationIsQueued) {
 }
 
 TEST_F(Mvlmd, RegistrationFailingTwiceGivesSix) {
-  utiltest::Trace t(scratch_, 5);
+  testkit::Trace t(scratch_, 5);
   setenv("HVS_RSM_FAIL", "register:2", 1);
   EXPECT_EQ(6, u_mvlmd(nullptr, comp_, 0));
   EXPECT_TRUE(t.has("MVLMDTEST", 1, "u_mvlmd:11': rsmgr_register_resource2 failed [4]."));
@@ -122,7 +122,7 @@ TEST_F(Mvlmd, EachStepFailureGivesSixAndItsLine) {
       {"register:1,reslist@3", "u_mvlmd:13: rsmgr_reslist_create failed [4]. Return [6]"},
   };
   for (const auto &c : cases) {
-    utiltest::Trace t(scratch_, 0);
+    testkit::Trace t(scratch_, 0);
     setenv("HVS_RSM_FAIL", c.fail, 1);
     EXPECT_EQ(6, u_mvlmd(nullptr, comp_, 1)) << c.fail;
     EXPECT_TRUE(t.has("MVLMDTEST", 0, c.line)) << c.fail << "\n" << t.text();

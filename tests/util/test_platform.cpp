@@ -8,7 +8,7 @@
 #include "strtab.h"
 #include "util/errtab.h"
 #include "util/umem.h"
-#include "util_fixture.h"
+#include "testkit.h"
 
 namespace {
 
@@ -23,7 +23,7 @@ int32_t plain_free(void *, void *block) {
 }
 
 TEST(StrTab, ResultsAndOwnership) {
-  void *meta = utiltest::metactx();
+  void *meta = testkit::metactx();
   long before = fault_live_blocks();
   strtab *t = nullptr;
   ASSERT_EQ(0, StrTabCreate(meta, 3, u_error_hash, u_error_alloc, u_error_free, u_error_delete, &t));
@@ -78,7 +78,7 @@ TEST(StrTab, ConcurrentInsertsAndSearches) {
 }
 
 TEST(MsgCatalogue, ReadsTextsAndRefusesBadFiles) {
-  utiltest::Scratch s;
+  testkit::TempDir s;
   s.write("ok.msg", "# c\n\n  12 tab\\there %s  \r\n4294967295 last\n");
   msgcat cat{};
   ASSERT_EQ(MSG_OK, msgopen(&cat, s.path("ok.msg").c_str(), nullptr, 0));

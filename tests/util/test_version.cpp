@@ -1,6 +1,6 @@
 // Version compatibility and the version texts behind it.
 #include "util/version.h"
-#include "util_fixture.h"
+#include "testkit.h"
 #include "ver.h"
 
 namespace {
@@ -28,8 +28,8 @@ TEST(Version, Compatibility) {
 }
 
 TEST(Version, LogsWhatItRefuses) {
-  utiltest::Scratch s;
-  utiltest::Trace t(s, 0);
+  testkit::TempDir s;
+  testkit::Trace t(s, 0);
   EXPECT_EQ(4, u_version_compatible("1.2", "1.3"));
   EXPECT_TRUE(t.has("HVSUTL", 0,
                     "u_version_compatible: Versions are not compatible. Program Ver [1.2] Persist "

@@ -1,6 +1,6 @@
 // The library's own tests, run on ZooKeeper: every test skips when no test
 // ensemble is given.
-#include "zk_env.h"
+#include "testkit.h"
 
 namespace {
 

@@ -2,8 +2,7 @@
 // component encoding, the packet limit, transactions over it, and an
 // ensemble that goes away and comes back, or a session that expires, under
 // a client that keeps a cache.
-#include "zk_env.h"
-#include "../registry/test_util.h"
+#include "testkit.h"
 #include "registry_agent.h"
 
 #include "hvsadm.h"
@@ -23,9 +22,9 @@
 
 namespace {
 
-using hvstest::last_error;
-using zktest::fresh_location;
-using zktest::ms_since;
+using testkit::last_error;
+using testkit::fresh_location;
+using testkit::ms_since;
 
 class ZooKeeperRegistry : public ::testing::Test {
 protected:
@@ -216,8 +215,8 @@ std::string value_of(void *h, const char *name) {
 // others can read is refused.
 TEST(ZooKeeperAccess, ProtectedRegistryIsClosedToClientsWithoutTheCredential) {
   ZK_REQUIRED();
-  hvstest::TempDir dir;
-  const std::string cred = dir.file("zk.cred");
+  testkit::TempDir dir;
+  const std::string cred = dir.path("zk.cred");
   std::ofstream(cred) << "prsr:s3cret\n";
   ::chmod(cred.c_str(), 0644);
   const std::string loc = fresh_location("access");
@@ -236,7 +235,7 @@ TEST(ZooKeeperAccess, ProtectedRegistryIsClosedToClientsWithoutTheCredential) {
   ASSERT_EQ(HVS_OK, hvsadm_create_key(adm, "K", 1, "v", 2));
   lks_status st{};
   void *locks = nullptr;
-  ASSERT_EQ(LKS_OK, hvstest::open_locks(&st, &locks)) << lks_status_text(&st);
+  ASSERT_EQ(LKS_OK, testkit::open_locks(&st, &locks)) << lks_status_text(&st);
   ASSERT_EQ(LKS_OK, lksmutexlock(&st, locks, "FLTM.K")) << lks_status_text(&st);
 
   // Without the credential: the client cannot even open the registry...
@@ -249,7 +248,7 @@ TEST(ZooKeeperAccess, ProtectedRegistryIsClosedToClientsWithoutTheCredential) {
   // a lock request.
   int zrc = 0;
   std::string why;
-  auto raw = hvs::zk::Session::open(hvs::zk::Settings::from_env(zktest::ensemble()), zrc, why);
+  auto raw = hvs::zk::Session::open(hvs::zk::Settings::from_env(testkit::ensemble()), zrc, why);
   ASSERT_TRUE(raw) << why;
   std::string data;
   bool null = false;
@@ -286,7 +285,7 @@ TEST(ZooKeeperOutage, StoppedServerGivesClearFailuresAndRestartedOneWorksAgain) 
     return std::system((script + what + " " + dir + " >/dev/null").c_str());
   };
   ASSERT_EQ(0, zk("start"));
-  std::string hosts = hvstest::slurp(dir + "/address");
+  std::string hosts = testkit::slurp(dir + "/address");
   hosts.erase(hosts.find_last_not_of("\n") + 1);
   ASSERT_FALSE(hosts.empty());
   setenv("HVS_REGISTRY", fresh_location("outage", hosts).c_str(), 1);
@@ -299,7 +298,7 @@ TEST(ZooKeeperOutage, StoppedServerGivesClearFailuresAndRestartedOneWorksAgain) 
   ASSERT_EQ(HVS_OK, hvsadm_create_key(adm, "K", 1, "v", 2));
   lks_status st{};
   void *locks = nullptr;
-  ASSERT_EQ(LKS_OK, hvstest::open_locks(&st, &locks)) << lks_status_text(&st);
+  ASSERT_EQ(LKS_OK, testkit::open_locks(&st, &locks)) << lks_status_text(&st);
   ASSERT_EQ(LKS_OK, lksmutexlock(&st, locks, "L"));
   ASSERT_EQ(LKS_OK, lksunlock(&st, locks, "L"));
   void *cached = nullptr;

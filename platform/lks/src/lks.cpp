@@ -11,6 +11,7 @@
 
 #include "lock_engine.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdarg>
 #include <cstddef>
@@ -22,6 +23,7 @@
 #include <new>
 #include <string>
 #include <string_view>
+#include <thread>
 
 #define LKS_EXPORT extern "C" __attribute__((visibility("default")))
 
@@ -84,11 +86,12 @@ struct Service {
   std::unique_ptr<lks::LockEngine> engine;
   std::chrono::milliseconds timeout{kDefaultTimeoutMs};
   std::mutex mutex; // guards held
-  // What one hold is made of: the engine's token and the registry
-  // client's record of it.
+  // What one hold is made of: the engine's token, the registry client's
+  // record of it, and the thread that took it.
   struct Held {
     lks::Token token;
     hvs_hold *hold;
+    std::thread::id owner;
   };
   std::multimap<std::string, Held, std::less<>> held;
 };
@@ -124,7 +127,7 @@ int32_t lock(lks_status *st, void *handle, const char *name, lks::Mode mode) {
     svc->engine->attach(token, hold);
     try {
       std::lock_guard<std::mutex> guard(svc->mutex);
-      svc->held.emplace(std::move(key), Service::Held{token, hold});
+      svc->held.emplace(std::move(key), Service::Held{token, hold, std::this_thread::get_id()});
     } catch (...) {
       hvs_hold_leave(hold, nullptr, 0);
       svc->engine->release(token);
@@ -214,10 +217,18 @@ LKS_EXPORT int32_t lksunlock(lks_status *status, void *handle, const char *name)
   Service::Held held{};
   {
     std::lock_guard<std::mutex> guard(svc->mutex);
-    auto it = svc->held.find(std::string_view(name));
-    if (it == svc->held.end())
+    // Two threads of a handle may hold one name (shared) at once: a release
+    // gives back the calling thread's own hold, whose writes and fence are
+    // its own, and another thread's only when it holds none itself.
+    auto [first, last] = svc->held.equal_range(std::string_view(name));
+    if (first == last)
       return report(status, LKS_ERR_NOT_HELD, 0, "lock %.80s%s: not held by this handle", name,
                     std::strlen(name) > 80 ? "..." : "");
+    auto it = std::find_if(first, last, [](const auto &e) {
+      return e.second.owner == std::this_thread::get_id();
+    });
+    if (it == last)
+      it = first;
     held = it->second;
     svc->held.erase(it);
   }

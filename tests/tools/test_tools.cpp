@@ -1,0 +1,838 @@
+// The administrator's tools end to end, each run as its own process on
+// fresh registries in a temporary directory. hvsctl: the file format
+// round-trips byte for byte and a bad file is refused whole with its line;
+// check, the one-key commands, diff, backup and restore, and every exit
+// code. prsrctl: every command family in readable and JSON form and its
+// exit codes. JSON output is parsed, never compared as text.
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <filesystem>
+#include <fstream>
+#include <map>
+
+#include <nlohmann/json.hpp>
+#include <sqlite3.h>
+
+#include "hvsadm.h"
+#include "lks.h"
+#include "testkit.h"
+
+using testkit::Result;
+using testkit::slurp;
+using testkit::TempDir;
+using nlohmann::json;
+
+namespace {
+void spit(const std::string &path, const std::string &text) {
+  std::ofstream(path, std::ios::binary) << text;
+}
+
+class Hvsctl : public ::testing::Test {
+protected:
+  // Runs hvsctl with args on the registry reg (a file in the temp dir).
+  Result run(const std::string &reg, const std::string &args) {
+    return testkit::run_shell(dir_, std::string(HVSCTL_PATH) + " --registry sqlite:" +
+                                        dir_.path(reg) + " " + args);
+  }
+  std::string file(const std::string &name) { return dir_.path(name); }
+
+  TempDir dir_;
+};
+
+TEST_F(Hvsctl, ExportRoundTripsEveryValueForm) {
+  const std::string input = R"({"format": "hvs-registry", "version": 1,
+"keys": [
+ {"key": "R"},
+ {"key": "R.TEXT", "value": "Grüße"},
+ {"key": "R.EMPTYTEXT", "value": ""},
+ {"key": "R.EMPTY", "value": {"hex": ""}},
+ {"key": "R.NUL", "value": {"hex": "61006200"}},
+ {"key": "R.RAW", "value": {"hex": "ff00fe"}},
+ {"key": "R.MULTI", "value": ["TZ=UTC", "LANG=C"]},
+ {"key": "R.ONE", "value": ["solo"]},
+ {"key": "R.NOLIST", "value": {"hex": "0000"}},
+ {"key": "R.NOLIST.x*y", "value": "quote \" and \\ back"}
+]})";
+  spit(file("in.json"), input);
+  ASSERT_EQ(0, run("a.db", "import " + file("in.json")).status);
+  Result first = run("a.db", "export -o " + file("first.json"));
+  ASSERT_EQ(0, first.status) << first.err;
+  ASSERT_EQ(0, run("b.db", "import " + file("first.json")).status);
+  Result second = run("b.db", "export");
+  ASSERT_EQ(0, second.status) << second.err;
+  const std::string exported = slurp(file("first.json"));
+  EXPECT_EQ(exported, second.out);
+
+  // Each value comes back in the form that keeps its bytes.
+  for (const char *line : {
+           R"({"key": "R.TEXT", "value": "Grüße"})",
+           R"({"key": "R.EMPTYTEXT", "value": ""})",
+           R"({"key": "R.EMPTY", "value": {"hex": ""}})",
+           R"({"key": "R.NUL", "value": {"hex": "61006200"}})",
+           R"({"key": "R.MULTI", "value": ["TZ=UTC", "LANG=C"]})",
+           R"({"key": "R.ONE", "value": ["solo"]})",
+           R"({"key": "R.NOLIST", "value": {"hex": "0000"}})",
+           "{\"key\": \"R\"}",
+       })
+    EXPECT_NE(std::string::npos, exported.find(line)) << line;
+
+  Result dump = run("b.db", "dump R");
+  EXPECT_NE(std::string::npos, dump.out.find("  MULTI = [\"TZ=UTC\", \"LANG=C\"]\n"));
+  EXPECT_NE(std::string::npos, dump.out.find("  EMPTY = (empty)\n"));
+  EXPECT_NE(std::string::npos, dump.out.find("    x*y = "));
+}
+
+TEST_F(Hvsctl, SampleClusterIsCanonical) {
+  ASSERT_EQ(0, run("s.db", std::string("import ") + SAMPLE_CLUSTER).status);
+  Result out = run("s.db", "export");
+  ASSERT_EQ(0, out.status) << out.err;
+  EXPECT_EQ(slurp(SAMPLE_CLUSTER), out.out);
+}
+
+TEST_F(Hvsctl, BadFilesAreRefusedWithTheirLine) {
+  const std::string head = "{\"format\": \"hvs-registry\", \"version\": 1, "
+                           "\"keys\": [\n  {\"key\": \"A\"},\n";
+  struct Case {
+    std::string body;
+    std::string message; // after "FILE:"
+  } cases[] = {
+      {"  {\"key\": \"A.B\"}\n  {\"key\": \"A.C\"}\n]}", "4: "}, // no comma
+      {"  {\"key\": \"A.B\"},\n  {\"key\": \"A..x\"}\n]}",
+       "4: key \"A..x\": empty component"},
+      {"  {\"key\": \"A.\"}\n]}", "3: key \"A.\": trailing dot"},
+      {"  {\"key\": \"A.B\"},\n  {\"key\": \"A.B\"}\n]}",
+       "4: key \"A.B\" is listed twice (first on line 3)"},
+      {"  {\"key\": \"A.B.C\"}\n]}",
+       "3: key \"A.B.C\": parent \"A.B\" does not exist"},
+      {"  {\"key\": \"A.B\",\n   \"value\": {\"hex\": \"abc\"}}\n]}",
+       "3: key \"A.B\": hex value is not an even number of hex digits"},
+      {"  {\"key\": \"A.B\", \"vaule\": \"x\"}\n]}",
+       "3: unknown member \"vaule\""},
+      {"  {\"key\": \"A.B\", \"value\": [\"a\", \"\"]}\n]}",
+       "3: key \"A.B\": multi-string holds an empty string"},
+      {"  {\"key\": \"A.B\", \"value\": 7}\n]}", "3: key \"A.B\": value must be"},
+      // JSON readers disagree on which of two members counts
+      {"  {\"key\": \"A.B\"},\n  {\"key\": \"A.C\", \"value\": \"x\", \"value\": \"y\"}\n]}",
+       "4: member \"value\" is given twice"},
+      {"  {\"key\": \"A.B\"}\n],\n\"keys\": []}", "5: member \"keys\" is given twice"},
+      {"  {\"key\": \"A.B\"}\n],\n\"x\": {\"a\": 1,\n \"a\": 2}}", "6: member \"a\" is given twice"},
+  };
+  for (const auto &c : cases) {
+    spit(file("bad.json"), head + c.body);
+    Result r = run("bad.db", "import " + file("bad.json"));
+    EXPECT_EQ(10, r.status) << c.body;
+    EXPECT_EQ(0u, r.err.find(file("bad.json") + ":" + c.message))
+        << c.body << "\n" << r.err;
+  }
+  spit(file("v2.json"), "{\"format\": \"hvs-registry\",\n \"version\": 2, "
+                        "\"keys\": []}");
+  Result r = run("bad.db", "import " + file("v2.json"));
+  EXPECT_EQ(10, r.status);
+  EXPECT_NE(std::string::npos, r.err.find("v2.json:2: format version 2")) << r.err;
+
+  // The failed imports left nothing behind, not even the keys before the
+  // bad one.
+  Result out = run("bad.db", "export");
+  EXPECT_EQ(std::string::npos, out.out.find("\"A\"")) << out.out;
+}
+
+TEST_F(Hvsctl, ImportAddsAndReplaceStartsOver) {
+  spit(file("one.json"), "{\"format\": \"hvs-registry\", \"version\": 1, "
+                         "\"keys\": [\n{\"key\": \"A\", \"value\": \"1\"}\n]}");
+  spit(file("two.json"), "{\"format\": \"hvs-registry\", \"version\": 1, "
+                         "\"keys\": [\n{\"key\": \"A\"},\n{\"key\": \"A.B\"}\n]}");
+  ASSERT_EQ(0, run("r.db", "import " + file("one.json")).status);
+  Result again = run("r.db", "import " + file("two.json"));
+  EXPECT_EQ(10, again.status);
+  EXPECT_NE(std::string::npos, again.err.find("two.json:2: key \"A\" exists already"))
+      << again.err;
+  EXPECT_NE(std::string::npos, again.err.find(file("r.db"))) << again.err;
+  ASSERT_EQ(0, run("r.db", "import --replace " + file("two.json")).status);
+  EXPECT_EQ("A\n  B\n", run("r.db", "dump").out);
+}
+
+// A new registry is its owner's and group's only, whatever the umask; an
+// import that fails leaves nothing where nothing was; an SQLite file of
+// another application is left alone unless --force says otherwise.
+TEST_F(Hvsctl, ImportMakesARegistryOnlyWhereNothingElseIs) {
+  namespace fs = std::filesystem;
+  auto mode = [](const std::string &path) { return unsigned(fs::status(path).permissions()); };
+  Result made = testkit::run_shell(dir_, "umask 000; " + std::string(HVSCTL_PATH) +
+                                             " --registry sqlite:" + file("new/sub/r.db") +
+                                             " import " SAMPLE_CLUSTER);
+  ASSERT_EQ(0, made.status) << made.err;
+  EXPECT_EQ(0660u, mode(file("new/sub/r.db")));
+  EXPECT_EQ(0770u, mode(file("new")));
+  EXPECT_EQ(0770u, mode(file("new/sub")));
+
+  // The open fails once the file is made (its -wal cannot be): the file goes
+  // again, and a reader is told there is no registry rather than none of
+  // its databases.
+  fs::create_directories(file("w/r.db-wal"));
+  Result failed = run("w/r.db", std::string("import ") + SAMPLE_CLUSTER);
+  EXPECT_EQ(3, failed.status) << failed.err;
+  EXPECT_FALSE(fs::exists(file("w/r.db")));
+  EXPECT_EQ(3, run("w/r.db", "dump").status);
+
+  // What a creating open makes is known before and taken away after.
+  {
+    testkit::RegistryEnv env("sqlite:" + file("x/y/r.db"));
+    char part[4096] = "", msg[256] = "";
+    ASSERT_EQ(HVS_OK, hvsadm_missing_part(part, sizeof part, msg, sizeof msg)) << msg;
+    EXPECT_EQ(file("x"), part);
+    void *h = nullptr;
+    uint64_t len = 0;
+    ASSERT_EQ(HVS_OK, hvsadm_open(&h, 1, nullptr, &len));
+    hvsapi_terminate(h);
+    ASSERT_EQ(HVS_OK, hvsadm_remove_created(part, msg, sizeof msg)) << msg;
+    EXPECT_FALSE(fs::exists(file("x")));
+  }
+
+  // Another application's database.
+  const std::string other = file("app.db");
+  sqlite3 *db = nullptr;
+  ASSERT_EQ(SQLITE_OK, sqlite3_open(other.c_str(), &db));
+  ASSERT_EQ(SQLITE_OK, sqlite3_exec(db, "CREATE TABLE accounts(id INTEGER)", nullptr, nullptr,
+                                    nullptr));
+  sqlite3_close(db);
+  const std::string before = slurp(other);
+  Result refused = run("app.db", std::string("import ") + SAMPLE_CLUSTER);
+  EXPECT_EQ(10, refused.status);
+  EXPECT_NE(std::string::npos, refused.err.find("accounts")) << refused.err;
+  EXPECT_NE(std::string::npos, refused.err.find("--force")) << refused.err;
+  EXPECT_EQ(before, slurp(other)) << "not a byte changed, not switched to WAL";
+  EXPECT_TRUE(fs::exists(other));
+  EXPECT_EQ(0, run("app.db", std::string("import --force ") + SAMPLE_CLUSTER).status);
+}
+
+// The same on an ensemble: a root with other children is refused, and a
+// failed import into a new root takes away what it laid out.
+TEST_F(Hvsctl, ImportOnZooKeeperMakesARegistryOnlyWhereNothingElseIs) {
+  const char *zk = std::getenv("HVS_TEST_ZK");
+  if (zk == nullptr || *zk == '\0')
+    GTEST_SKIP() << "HVS_TEST_ZK is not set (scripts/zk.sh start)";
+  const std::string top = "/prsr-test/hvsctl-" + std::to_string(::getpid());
+  const std::string base = std::string("zk://") + zk + top;
+  auto import = [&](const std::string &loc, const std::string &args,
+                    const std::string &env = "") {
+    return testkit::run_shell(dir_, env + std::string(HVSCTL_PATH) + " --registry " + loc +
+                                        " import " + args);
+  };
+  ASSERT_EQ(0, import(base + "/a", SAMPLE_CLUSTER).status);
+  Result refused = import(base, SAMPLE_CLUSTER);
+  EXPECT_EQ(10, refused.status) << refused.err;
+  EXPECT_NE(std::string::npos, refused.err.find("(a)")) << refused.err;
+  EXPECT_EQ(0, import(base, std::string("--force ") + SAMPLE_CLUSTER).status);
+
+  // The whole import is over the request size limit and fails at commit.
+  Result failed = import(base + "/n/m", SAMPLE_CLUSTER, "HVS_ZK_MAX_PACKET=4096 ");
+  EXPECT_EQ(3, failed.status) << failed.err;
+  char part[4096] = "", msg[256] = "";
+  {
+    testkit::RegistryEnv env(base + "/n");
+    ASSERT_EQ(HVS_OK, hvsadm_missing_part(part, sizeof part, msg, sizeof msg)) << msg;
+  }
+  EXPECT_EQ(top + "/n", std::string(part)) << "nothing is left of the new root";
+
+  testkit::RegistryEnv env(base);
+  ASSERT_EQ(HVS_OK, hvsadm_remove_created(top.c_str(), msg, sizeof msg)) << msg;
+}
+
+} // namespace
+
+namespace {
+class HvsctlTool : public ::testing::Test {
+protected:
+  void SetUp() override {
+    reg_ = "sqlite:" + dir_.path("reg.db");
+    ASSERT_EQ(0, run("import " SAMPLE_CLUSTER).status);
+  }
+
+  Result run(const std::string &args, const std::string &env = "") {
+    return testkit::run_shell(dir_, env + " " + HVSCTL_PATH + " --registry " + reg_ + " " + args);
+  }
+  json run_json(const std::string &args, int expected_status) {
+    Result r = run(args);
+    EXPECT_EQ(expected_status, r.status) << args << "\n" << r.err;
+    return json::parse(r.out);
+  }
+  std::string file(const std::string &name) { return dir_.path(name); }
+  void write(const std::string &name, const json &doc) {
+    std::ofstream(file(name)) << doc.dump(1);
+  }
+
+  testkit::TempDir dir_;
+  std::string reg_;
+};
+
+// The sample file's keys as an editable map, written back in order.
+struct SampleFile {
+  json doc = json::parse(slurp(SAMPLE_CLUSTER));
+
+  json *entry(const std::string &key) {
+    for (auto &e : doc["keys"])
+      if (e["key"] == key)
+        return &e;
+    return nullptr;
+  }
+  // Replaces a value, or adds the key at the end (after its parent).
+  void set(const std::string &key, json value) {
+    if (json *e = entry(key))
+      (*e)["value"] = value;
+    else
+      doc["keys"].push_back({{"key", key}, {"value", value}});
+  }
+  void drop(const std::string &key) {
+    auto &keys = doc["keys"];
+    for (auto it = keys.begin(); it != keys.end();) {
+      std::string k = (*it)["key"];
+      if (k == key || k.starts_with(key + "."))
+        it = keys.erase(it);
+      else
+        ++it;
+    }
+  }
+};
+
+TEST_F(HvsctlTool, CheckNamesEveryBrokenFormWithItsKey) {
+  const std::string db = "DATABASE.DATABASES.sales";
+  const std::string east = db + ".SERVICE.sales*east";
+  struct Case {
+    std::string key;
+    json value; // null: remove the key and its subtree
+    std::string problem;
+  };
+  const std::vector<Case> cases = {
+      {db + ".ENABLED", "yes", "not a boolean"},
+      {db + ".ROLE", "PRIMARI", "not a role"},
+      {east + ".FOVPOLICY", "FAST", "not a failover policy"},
+      {east + ".INSTANCES.sales1.TYPE", "preferred", "not PREFERRED"},
+      {east, "Sales-East", "is not the component"},
+      {db + ".INSTANCE.sales2", "Sales22", "length differs"},
+      {db + ".INSTANCE.sales2.ENVIRONMENT", {{"hex", "410000420000"}},
+       "empty string"},
+      {db + ".INSTANCE.sales3.NODE", nullptr, "missing"},
+      {east + ".INSTANCES.sales3.TYPE", nullptr, "missing"},
+      {"DATABASE.DATABASES.hr.SERVICE", nullptr, "missing"},
+      {"DATABASE.DATABASES.hr.TERVAN_HOME", {{"hex", "2f6f7074"}},
+       "does not end in a NUL"},
+      {"DATABASE.NODEAPPS.node3.VIP.IP", nullptr, ""},
+  };
+  SampleFile broken;
+  for (const auto &c : cases) {
+    if (c.value.is_null())
+      broken.drop(c.key);
+    else
+      broken.set(c.key, c.value);
+  }
+  // A finding the edits make on a key of their own: the empty VIP has lost
+  // the IP child that holds its address.
+  const std::string vip = "DATABASE.NODEAPPS.node3.VIP";
+  write("broken.json", broken.doc);
+
+  // The file itself and the registry it is imported into give one verdict.
+  json from_file = run_json("check --json " + file("broken.json"), 5);
+  ASSERT_EQ(0, run("import --replace " + file("broken.json")).status);
+  json live = run_json("check --json", 5);
+  auto sorted = [](json findings) {
+    std::sort(findings.begin(), findings.end());
+    return findings;
+  };
+  EXPECT_EQ(sorted(from_file["findings"]), sorted(live["findings"]));
+
+  std::multimap<std::string, std::string> found;
+  for (const auto &f : live["findings"])
+    found.emplace(f["key"], f["problem"]);
+  for (const auto &c : cases) {
+    if (c.problem.empty())
+      continue;
+    auto [lo, hi] = found.equal_range(c.key);
+    bool hit = false;
+    for (auto it = lo; it != hi; ++it)
+      hit = hit || it->second.find(c.problem) != std::string::npos;
+    EXPECT_TRUE(hit) << c.key << ": no finding with \"" << c.problem << "\"";
+  }
+  EXPECT_EQ(1u, found.count(vip));
+  EXPECT_EQ(cases.size(), found.size()) << live.dump(1);
+}
+
+TEST_F(HvsctlTool, OneKeyCommandsAndTheirExitCodes) {
+  const std::string inst = "DATABASE.DATABASES.hr.INSTANCE";
+  struct Step {
+    std::string args;
+    int status;
+    std::string out; // exact stdout, or "*" for any
+  };
+  const std::vector<Step> steps = {
+      {"get DATABASE.DATABASES.hr", 0, "\"HR\"\n"},
+      {"get --hex DATABASE.DATABASES.hr", 0, "485200\n"},
+      {"get " + inst, 0, "(no value)\n"},
+      {"get DATABASE.NODEAPPS.node3.VIP", 0, "(empty)\n"},
+      {"get DATABASE.DATABASES.nosuch", 7, ""},
+      {"get DATABASE..x", 2, ""},
+      {"ls " + inst, 0, "hr1\nhr2\n"},
+      {"ls DATABASE.DATABASES.nosuch", 7, ""},
+      {"ls", 0, "DATABASE\n"},
+      {"create " + inst + ".hr3 HR3", 0, "*"},
+      {"create " + inst + ".hr3 HR3", 10, ""},
+      {"create " + inst + ".hr9.NODE node9", 7, ""},
+      {"create " + inst + ".hr3.ENVIRONMENT --multi A=1 B=2", 0, "*"},
+      {"get " + inst + ".hr3.ENVIRONMENT", 0, "[\"A=1\", \"B=2\"]\n"},
+      {"set " + inst + ".hr3.ENVIRONMENT --hex 00ff", 0, "*"},
+      {"get " + inst + ".hr3.ENVIRONMENT", 0, "hex:00ff\n"},
+      {"set " + inst + ".hr3.ENVIRONMENT --hex 0", 2, ""},
+      {"set " + inst + ".hr3.ENVIRONMENT x --multi y", 2, ""},
+      {"set " + inst + ".hr3 --no-value", 0, "*"},
+      {"get " + inst + ".hr3", 0, "(no value)\n"},
+      {"set " + inst + ".hr4 HR4", 7, ""},
+      {"ls " + inst, 0, "hr1\nhr2\nhr3\n"},
+      {"delete " + inst + ".hr3", 10, ""},
+      {"delete --recursive " + inst + ".hr3", 0, "*"},
+      {"delete " + inst + ".hr3", 7, ""},
+      {"ls " + inst, 0, "hr1\nhr2\n"},
+  };
+  for (const auto &s : steps) {
+    Result r = run(s.args);
+    EXPECT_EQ(s.status, r.status) << s.args << "\n" << r.err;
+    if (s.out != "*") {
+      EXPECT_EQ(s.out, r.out) << s.args;
+    }
+    if (s.status != 0) {
+      EXPECT_FALSE(r.err.empty()) << s.args << ": a failure explains itself";
+    }
+  }
+}
+
+TEST_F(HvsctlTool, DiffTellsAddedRemovedAndChangedKeys) {
+  ASSERT_EQ(0, run("export -o " + file("before.json")).status);
+  EXPECT_EQ(0, run("diff " + file("before.json") + " --live").status);
+
+  const std::string db = "DATABASE.DATABASES.hr";
+  ASSERT_EQ(0, run("set " + db + ".ENABLED false").status);
+  ASSERT_EQ(0, run("delete " + db + ".DOMAIN").status);
+  ASSERT_EQ(0, run("create " + db + ".INSTANCE.hr1.NOTE").status);
+
+  json d = run_json("diff --json " + file("before.json") + " -", 5);
+  std::map<std::string, json> by_key;
+  for (const auto &c : d["changes"])
+    by_key[c["key"]] = c;
+  ASSERT_EQ(3u, by_key.size()) << d.dump(1);
+  EXPECT_EQ("changed", by_key[db + ".ENABLED"]["change"]);
+  EXPECT_EQ("\"true\"", by_key[db + ".ENABLED"]["a"]);
+  EXPECT_EQ("\"false\"", by_key[db + ".ENABLED"]["b"]);
+  EXPECT_EQ("removed", by_key[db + ".DOMAIN"]["change"]);
+  EXPECT_EQ("added", by_key[db + ".INSTANCE.hr1.NOTE"]["change"]);
+  EXPECT_TRUE(by_key[db + ".INSTANCE.hr1.NOTE"]["b"].is_null());
+
+  // Two files, the readable form, and the sides swapped.
+  ASSERT_EQ(0, run("export -o " + file("after.json")).status);
+  Result r = run("diff " + file("after.json") + " " + file("before.json"));
+  EXPECT_EQ(5, r.status);
+  EXPECT_NE(std::string::npos, r.out.find("+ " + db + ".DOMAIN = "));
+  EXPECT_NE(std::string::npos, r.out.find("- " + db + ".INSTANCE.hr1.NOTE"));
+  EXPECT_NE(std::string::npos,
+            r.out.find("~ " + db + ".ENABLED: \"false\" -> \"true\""));
+
+  EXPECT_EQ(2, run("diff - -").status);
+  EXPECT_EQ(10, run("diff " + file("missing.json") + " --live").status);
+}
+
+TEST_F(HvsctlTool, BackupAndRestoreRoundTrip) {
+  ASSERT_EQ(0, run("backup " + file("backup.json")).status);
+  json backup = json::parse(slurp(file("backup.json")));
+  EXPECT_EQ("hvs-backup", backup["format"]);
+  const json &meta = backup["backup"];
+  EXPECT_EQ(backup["keys"].size(), meta["key_count"].get<size_t>());
+  EXPECT_EQ(json({"hr", "sales", "salesdr"}), meta["databases"]);
+  EXPECT_EQ(reg_, meta["location"]);
+  EXPECT_FALSE(meta["created"].get<std::string>().empty());
+
+  // A backup is no one else's, whatever the umask, and takes the place of a
+  // link rather than writing where it points.
+  std::filesystem::create_symlink(file("victim"), file("link.json"));
+  ASSERT_EQ(0, run("backup " + file("link.json"), "umask 000;").status);
+  EXPECT_FALSE(std::filesystem::exists(file("victim")));
+  EXPECT_TRUE(std::filesystem::is_regular_file(std::filesystem::symlink_status(file("link.json"))));
+  EXPECT_EQ(std::filesystem::perms::none,
+            std::filesystem::status(file("link.json")).permissions() &
+                std::filesystem::perms::others_all);
+
+  // Change the registry in every way, then restore.
+  ASSERT_EQ(0, run("set DATABASE.DATABASES.sales.ROLE PHYSICAL_STANDBY").status);
+  ASSERT_EQ(0, run("delete -r DATABASE.DATABASES.hr").status);
+  ASSERT_EQ(0, run("create DATABASE.DATABASES.extra Extra").status);
+  ASSERT_EQ(5, run("diff " + file("backup.json") + " --live").status);
+  Result r = run("restore " + file("backup.json"));
+  ASSERT_EQ(0, r.status) << r.err;
+  EXPECT_EQ(0, run("diff " + file("backup.json") + " --live").status);
+
+  // Into an empty registry, and from a plain export as well.
+  reg_ = "sqlite:" + file("other.db");
+  ASSERT_EQ(0, run("restore " + file("backup.json")).status);
+  EXPECT_EQ(0, run("diff " + file("backup.json") + " -").status);
+  EXPECT_EQ(0, run("restore " SAMPLE_CLUSTER).status);
+  EXPECT_EQ(0, run("check").status);
+
+  // A problem in a backup is told at its line of the file as it stands.
+  {
+    std::string text = slurp(file("backup.json"));
+    size_t at = text.find("\"DATABASE.DATABASES.hr\"");
+    ASSERT_NE(std::string::npos, at);
+    text.replace(at, 23, "\"DATABASE..DATABASES.hr\"");
+    size_t line = 1 + size_t(std::count(text.begin(), text.begin() + long(at), '\n'));
+    std::ofstream(file("badline.json")) << text;
+    Result bad = run("restore " + file("badline.json"));
+    EXPECT_EQ(10, bad.status);
+    EXPECT_NE(std::string::npos, bad.err.find("badline.json:" + std::to_string(line) + ": "))
+        << bad.err;
+  }
+
+  // A backup that lost a key, or whose keys come out of order, changes
+  // nothing.
+  json cut = backup;
+  cut["keys"].erase(cut["keys"].begin() + 5);
+  write("cut.json", cut);
+  EXPECT_EQ(10, run("restore " + file("cut.json")).status);
+  json reordered = backup;
+  std::swap(reordered["keys"][2], reordered["keys"][3]);
+  write("reordered.json", reordered);
+  EXPECT_EQ(10, run("restore " + file("reordered.json")).status);
+  EXPECT_EQ(0, run("diff " SAMPLE_CLUSTER " --live").status);
+}
+
+// Registry names and values are bytes: those that are not UTF-8 come out
+// of every command and form (as {"hex": ...} in JSON), and an export reads
+// back to the same registry.
+TEST_F(HvsctlTool, BytesThatAreNotUtf8ComeOutOfEveryCommand) {
+  ASSERT_EQ(0, run("set DATABASE.DATABASES.sales.DOMAIN --hex 6578ff00").status);
+  write("odd.json", {{"format", "hvs-registry"}, {"version", 1},
+                     {"keys", {{{"key", {{"hex", "44415441424153452e4441544142415345532e78ff79"}}},
+                                {"value", {{"hex", "58ff00"}}}}}}});
+  ASSERT_EQ(0, run("import " + file("odd.json")).status);
+
+  ASSERT_EQ(0, run("backup " + file("b.json")).status);
+  json meta = json::parse(slurp(file("b.json")))["backup"];
+  EXPECT_TRUE(std::find(meta["databases"].begin(), meta["databases"].end(),
+                        json({{"hex", "78ff79"}})) != meta["databases"].end())
+      << meta.dump();
+  Result check = run("check --json");
+  EXPECT_LT(check.status, 128) << check.err;
+  EXPECT_TRUE(json::accept(check.out)) << check.out;
+  ASSERT_EQ(0, run("export -o " + file("e.json")).status);
+  ASSERT_EQ(0, run("set DATABASE.DATABASES.sales.DOMAIN --hex 78ff00").status);
+  Result diff = run("diff --json " + file("e.json") + " --live");
+  EXPECT_EQ(5, diff.status) << diff.err;
+  json changes = json::parse(diff.out);
+  EXPECT_NE(std::string::npos, changes.dump().find("6578ff00")) << diff.out;
+
+  reg_ = "sqlite:" + file("copy.db");
+  ASSERT_EQ(0, run("import " + file("e.json")).status);
+  ASSERT_EQ(0, run("export -o " + file("e2.json")).status);
+  EXPECT_EQ(slurp(file("e.json")), slurp(file("e2.json")));
+}
+
+} // namespace
+
+namespace {
+void set_writer(const std::string &location, const char *version) {
+  setenv("HVS_REGISTRY", location.c_str(), 1);
+  void *h = nullptr;
+  char msg[1024] = "";
+  uint64_t len = sizeof msg;
+  ASSERT_EQ(HVS_OK, hvsadm_open(&h, 0, msg, &len)) << msg;
+  ASSERT_EQ(HVS_OK, hvsadm_set_property(h, "written_by", version));
+  hvsapi_terminate(h);
+}
+
+} // namespace
+
+// A registry that a newer hvsctl wrote is read, never written; one of an
+// older or the same level is written and then names this version.
+TEST_F(HvsctlTool, WritesOnlyRegistriesOfItsOwnVersionOrOlder) {
+  const std::string key = "DATABASE.DATABASES.sales.ENABLED";
+  struct {
+    const char *recorded;
+    int status;
+  } cases[] = {{"2.0.0", 8}, {"1.1.0", 8}, {"not a version", 8},
+               {"1.0.7", 0}, {"0.9.0", 0}};
+  for (auto &c : cases) {
+    set_writer(reg_, c.recorded);
+    Result r = run("set " + key + " false");
+    EXPECT_EQ(c.status, r.status) << c.recorded << "\n" << r.err;
+    if (c.status != 0) {
+      EXPECT_NE(std::string::npos, r.err.find(c.recorded)) << r.err;
+      EXPECT_EQ(0, run("get " + key).status) << "reading stays allowed";
+      EXPECT_EQ(8, run("import --replace " SAMPLE_CLUSTER).status);
+    }
+  }
+  EXPECT_EQ(0, run("import --replace " SAMPLE_CLUSTER).status);
+}
+
+// Every exit code of hvsctl (docs/exit-codes.md), with what its message
+// must name; a restore kept out by a writer's lock changes nothing.
+TEST_F(HvsctlTool, EveryExitCodeTellsWhatHappened) {
+  const std::string newer = "sqlite:" + file("newer.db"), none = "sqlite:" + file("none/x.db");
+  ASSERT_EQ(0, run("backup " + file("backup.json")).status);
+  ASSERT_EQ(0, run("set DATABASE.DATABASES.hr.ENABLED false").status);
+  ASSERT_EQ(0, testkit::run_shell(dir_, std::string(HVSCTL_PATH) + " --registry " + newer +
+                                            " import " SAMPLE_CLUSTER)
+                   .status);
+  set_writer(newer, "9.0.0");
+  write("empty.json", {{"format", "hvs-registry"}, {"version", 1}, {"keys", json::array()}});
+
+  // This process holds one database's lock, as prsr_set_db_enabled would.
+  testkit::RegistryEnv env(reg_);
+  testkit::HeldLock lock("FLTM.DATABASE.DATABASES.salesdr");
+  ASSERT_TRUE(lock.held());
+
+  struct Case {
+    std::string args;
+    int status;
+    std::string names; // what stderr must name
+    std::string reg = "";
+  } cases[] = {
+      {"ls", 0, ""},
+      {"ls --frobnicate", 2, "--frobnicate"},
+      {"get DATABASE..x", 2, "DATABASE..x"},
+      {"dump", 3, none, none},
+      {"restore " + file("backup.json"), 4, "FLTM.DATABASE.DATABASES.salesdr"},
+      {"diff " SAMPLE_CLUSTER " " + file("empty.json"), 5, ""},
+      {"resources", 6, "HVS_RSM_STORE", "mem:exitcodes"},
+      {"get DATABASE.DATABASES.nosuch", 7, "DATABASE.DATABASES.nosuch"},
+      {"ls NOSUCH", 7, "NOSUCH"},
+      {"export NOSUCH", 7, "NOSUCH"},
+      {"dump NOSUCH", 7, "NOSUCH"},
+      {"set DATABASE.DATABASES.sales.ENABLED false", 8, "9.0.0", newer},
+      {"import " + file("missing.json"), 10, file("missing.json")},
+      {"create DATABASE.DATABASES.hr", 10, "exists already"},
+  };
+  for (const auto &c : cases) {
+    Result r = testkit::run_shell(dir_, "LKS_TIMEOUT_MS=300 HVS_RSM_STORE= " +
+                                            std::string(HVSCTL_PATH) + " --registry " +
+                                            (c.reg.empty() ? reg_ : c.reg) + " " + c.args);
+    EXPECT_EQ(c.status, r.status) << c.args << "\n" << r.err;
+    EXPECT_NE(std::string::npos, r.err.find(c.names)) << c.args << "\n" << r.err;
+  }
+  EXPECT_EQ("\"false\"\n", run("get DATABASE.DATABASES.hr.ENABLED").out);
+  lock.release();
+  EXPECT_EQ(0, run("restore " + file("backup.json"), "LKS_TIMEOUT_MS=300").status);
+  EXPECT_EQ("\"true\"\n", run("get DATABASE.DATABASES.hr.ENABLED").out);
+}
+
+namespace {
+class Prsrctl : public ::testing::Test {
+protected:
+  void SetUp() override {
+    reg_ = "sqlite:" + dir_.path("reg.db");
+    ASSERT_EQ(0, sh(std::string(HVSCTL_PATH) + " --registry " + reg_ +
+                    " import " SAMPLE_CLUSTER)
+                     .status);
+  }
+  Result sh(const std::string &cmd) { return testkit::run_shell(dir_, cmd); }
+  Result run(const std::string &args) {
+    return sh("LKS_TIMEOUT_MS=300 " + std::string(PRSRCTL_PATH) + " --registry " + reg_ + " " +
+              args);
+  }
+  json run_json(const std::string &args) {
+    Result r = run("--json " + args);
+    EXPECT_EQ(0, r.status) << args << "\n" << r.err;
+    try {
+      return json::parse(r.out);
+    } catch (const json::exception &e) {
+      ADD_FAILURE() << args << ": not one JSON document: " << e.what() << "\n" << r.out;
+      return json();
+    }
+  }
+
+  testkit::TempDir dir_;
+  std::string reg_;
+};
+
+TEST_F(Prsrctl, ConfigReportsInBothForms) {
+  json dbs = run_json("config database");
+  EXPECT_EQ(json({"HR", "Sales", "SalesDR"}), dbs["databases"]);
+
+  json db = run_json("config database -d SALES");
+  EXPECT_EQ("Sales", db["database"]);
+  EXPECT_EQ(true, db["enabled"]);
+  EXPECT_EQ("PRIMARY", db["role"]);
+  ASSERT_EQ(3u, db["instances"].size());
+  EXPECT_EQ("node1", db["instances"][0]["node"]);
+  bool dotted = false;
+  for (auto &s : db["services"])
+    dotted = dotted || s["service"] == "Sales.East";
+  EXPECT_TRUE(dotted) << db["services"].dump();
+  EXPECT_EQ("AUTOMATIC", run_json("config database -d salesdr")["policy"]);
+
+  json srv = run_json("config service -d sales -s SALES.EAST");
+  ASSERT_EQ(3u, srv["instances"].size());
+  EXPECT_EQ("available", srv["instances"][2]["role"]);
+
+  json vlm = run_json("config vlm -p STORAGE -n vlm1");
+  EXPECT_EQ("VLM1", vlm["name"]);
+  json node = run_json("config nodeapps -n node3");
+  EXPECT_EQ("Node3", node["node"]);
+  EXPECT_FALSE(node["vip"].get<std::string>().empty()) << "the VIP falls back to VIP.IP";
+
+  for (const char *args : {"config database", "config database -d sales",
+                           "config service -d sales -s sales.east",
+                           "config vlm -p storage -n vlm1", "config nodeapps -n node1"}) {
+    Result r = run(args);
+    EXPECT_EQ(0, r.status) << args << "\n" << r.err;
+    EXPECT_FALSE(r.out.empty()) << args;
+    EXPECT_EQ(std::string::npos, r.out.find('{')) << args << ": readable form, not JSON";
+  }
+}
+
+TEST_F(Prsrctl, ChangesAreSeenByTheNextCall) {
+  struct Step {
+    std::string change, read, field;
+    json want;
+  } steps[] = {
+      {"disable database -d Sales", "get enabled -d sales", "enabled", false},
+      {"enable database -d SALES", "get enabled -d sales", "enabled", true},
+      {"disable instance -d sales -i SALES1", "get enabled -d sales -i sales1", "enabled", false},
+      {"disable service -d sales -s sales.east", "get enabled -d sales -s sales.east -i sales2",
+       "enabled", false},
+      {"enable service-instance -d sales -s sales.east -i sales2",
+       "get enabled -d sales -s sales.east -i sales2", "enabled", true},
+      {"set role -d hr LOGICAL_STANDBY", "get role -d HR", "role", "logical_standby"},
+      {"set role -d hr snapshot-standby", "get role -d hr", "role", "snapshot_standby"},
+  };
+  for (auto &s : steps) {
+    Result r = run(s.change);
+    ASSERT_EQ(0, r.status) << s.change << "\n" << r.err;
+    EXPECT_EQ(s.want, run_json(s.read)[s.field]) << s.change;
+  }
+  /* The service-wide change reached every instance of the service. */
+  json db = run_json("config database -d sales");
+  int seen = 0;
+  for (auto &s : db["services"]) {
+    if (s["service"] != "Sales.East")
+      continue;
+    for (auto &p : s["preferred"]) {
+      if (p["instance"] == "Sales1") {
+        EXPECT_EQ(false, p["enabled"]);
+        ++seen;
+      }
+    }
+  }
+  EXPECT_EQ(1, seen) << db["services"].dump();
+}
+
+TEST_F(Prsrctl, LookupsAnswerWithNamesAsSpelled) {
+  EXPECT_EQ("Sales2", run_json("get instance -d sales -n NODE2")["instance"]);
+  EXPECT_EQ("Sales1", run_json("get instance -d sales -i sales1")["instance"]);
+  EXPECT_EQ("Sales", run_json("get spname -d SALES")["spname"]);
+  EXPECT_EQ("example.com", run_json("get domain -d sales")["domain"]);
+  EXPECT_EQ("preconnect", run_json("get policy -d sales -s salesbatch")["policy"]);
+  EXPECT_EQ(true, run_json("get supported -d sales -s sales.east -i sales1")["supported"]);
+}
+
+// Global options count wherever they are written, on both tools.
+TEST_F(Prsrctl, GlobalOptionsWorkAfterTheCommand) {
+  Result r = sh(std::string(PRSRCTL_PATH) + " config database --json --registry " + reg_);
+  ASSERT_EQ(0, r.status) << r.err;
+  EXPECT_TRUE(json::accept(r.out)) << r.out;
+  r = sh(std::string(PRSRCTL_PATH) + " get enabled -d sales --registry " + reg_ + " -v");
+  EXPECT_EQ(0, r.status) << r.err;
+  EXPECT_NE(std::string::npos, r.err.find("prsr_get_db_enabled")) << r.err;
+  r = sh(std::string(HVSCTL_PATH) + " export DATABASE.DATABASES.sales --registry " + reg_);
+  EXPECT_EQ(0, r.status) << r.err;
+  EXPECT_TRUE(json::accept(r.out)) << r.out;
+  for (const char *tool : {PRSRCTL_PATH, HVSCTL_PATH}) {
+    r = sh(std::string(tool) + " --registry " + reg_ + " --version");
+    EXPECT_EQ(0, r.status) << tool;
+    EXPECT_NE(std::string::npos, r.out.find("1.")) << r.out;
+    EXPECT_NE(std::string::npos, r.out.find("registry: " + reg_)) << r.out;
+  }
+}
+
+TEST_F(Prsrctl, ValuesThatAreNotUtf8ComeOutInJson) {
+  ASSERT_EQ(0, sh(std::string(HVSCTL_PATH) + " --registry " + reg_ +
+                  " set DATABASE.DATABASES.sales.DOMAIN --hex 6578ff00")
+                   .status);
+  json doc = run_json("get domain -d sales");
+  EXPECT_NE(std::string::npos, doc.dump().find("{\"hex\":\"6578ff\"}")) << doc.dump();
+}
+
+/* Every exit code of prsrctl (docs/exit-codes.md), each with the name its
+ * message must give. */
+TEST_F(Prsrctl, ExitCodesTellFailuresApart) {
+  auto drop = [this](const std::string &key) {
+    ASSERT_EQ(0,
+              sh(std::string(HVSCTL_PATH) + " --registry " + reg_ + " delete '" + key + "'").status);
+  };
+  /* The service's own flag is gone: the library writes its instances all
+   * the same and returns success. An instance flag gone stops the write. */
+  const std::string flag = "DATABASE.DATABASES.hr.SERVICE.hrapp.ENABLED";
+  const std::string inst = "DATABASE.DATABASES.sales.SERVICE.sales*east.INSTANCES.sales2.ENABLED";
+  drop(flag);
+  drop(inst);
+  const std::string missing = "sqlite:" + dir_.path("none/reg.db");
+  const std::string junk = dir_.path("junk.db");
+  std::ofstream(junk) << "not a registry at all\n";
+
+  /* A writer kept out by another holder of a database's lock. */
+  testkit::RegistryEnv env(reg_);
+  testkit::HeldLock lock("FLTM.DATABASE.DATABASES.salesdr");
+  ASSERT_TRUE(lock.held());
+
+  struct Case {
+    std::string args;
+    int status;
+    std::string names; /* what stderr must name */
+    std::string reg = "";
+    std::string env = "";
+  } cases[] = {
+      {"get enabled -d sales", 0, ""},
+      {"get enabled -d nosuch", 7, "nosuch"},
+      {"enable database -d nosuch", 7, "database nosuch: not found"},
+      {"config database -d nosuch", 7, "nosuch"},
+      {"config service -d sales -s nosuch", 7, "nosuch"},
+      {"config vlm -p storage -n nosuch", 7, "nosuch"},
+      {"config nodeapps -n nosuch", 7, "nosuch"},
+      {"get instance -d sales -n nosuchnode", 7, "nosuchnode"},
+      {"set role -d hr chief", 2, "chief"},
+      {"get enabled", 2, "--db"},
+      {"get enabled -d ''", 2, "--db"},
+      {"disable service -d '' -s x", 2, "--db"},
+      {"frobnicate", 2, "frobnicate"},
+      {"get enabled -d sales", 3, missing, missing},
+      /* ...saying why it cannot be opened, in the registry client's words. */
+      {"get enabled -d sales", 3, "file is not a database", junk},
+      {"disable service -d sales -s sales.east", 3, "not written: " + inst + ": "},
+      {"enable database -d salesdr", 4, "lock"},
+      {"--json disable service -d hr -s hrapp", 9, "not written: " + flag + ": "},
+#if !defined(__SANITIZE_ADDRESS__)
+      /* Out of memory: the interposer fails every allocation. */
+      {"get enabled -d sales", 1, "session", "",
+       "LD_PRELOAD=" PRSR_FAULT_LIB " PRSR_FAULT_ALLOC=1 "},
+#endif
+  };
+  for (auto &c : cases) {
+    Result r = sh(c.env + "LKS_TIMEOUT_MS=300 " + PRSRCTL_PATH + " --registry " +
+                  (c.reg.empty() ? reg_ : c.reg) + " " + c.args);
+    EXPECT_EQ(c.status, r.status) << c.args << "\n" << r.err;
+    EXPECT_NE(std::string::npos, r.err.find(c.names)) << c.args << "\n" << r.err;
+    if (c.status != 0) {
+      EXPECT_TRUE(r.out.empty()) << c.args << ": no success document, errors go to stderr";
+    }
+  }
+  EXPECT_EQ(0, run("get enabled -d sales").status) << "reads take no lock";
+  EXPECT_EQ(false, run_json("get enabled -d hr -s hrapp -i hr2")["enabled"]);
+  lock.release();
+  EXPECT_EQ(false, run_json("get enabled -d salesdr")["enabled"]) << "the refused write left nothing";
+}
+
+TEST_F(Prsrctl, VerboseShowsTheLibrarysTrace) {
+  Result r = run("-v get enabled -d sales");
+  EXPECT_EQ(0, r.status);
+  EXPECT_NE(std::string::npos, r.err.find("prsr_get_db_enabled: key_name = "
+                                          "[DATABASE.DATABASES.sales.ENABLED]"))
+      << r.err.substr(0, 2000);
+  EXPECT_EQ(std::string::npos, run("get enabled -d sales").err.find("prsr_get_db_enabled"));
+}
+
+} // namespace
