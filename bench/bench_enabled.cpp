@@ -111,7 +111,9 @@ BENCHMARK(get_enabled_uncached)->Name("get_db_enabled/cache_off");
 [[maybe_unused]] const bool kCompared =
     prsrbench::compare("SQLite point read, cached / one raw prepared lookup",
                        "get_db_enabled:prsr", "get_db_enabled:raw", 0.3) &&
+    /* Off, the cache must cost nothing: 1.1x of the 1.2x this read took
+     * against the raw lookup before the cache existed. */
     prsrbench::compare("SQLite point read, HVS_CACHE=off / one raw prepared lookup",
-                       "get_db_enabled/cache_off", "get_db_enabled:raw", 0);
+                       "get_db_enabled/cache_off", "get_db_enabled:raw", 1.32);
 BENCHMARK(set_enabled_prsr)->Name("set_db_enabled:prsr");
 BENCHMARK(set_enabled_raw)->Name("set_db_enabled:raw");

@@ -177,7 +177,7 @@ BENCHMARK(fetch_typical_uncached)->Name("fetch_8_instances_4_services/cache_off"
                        0.15) &&
     prsrbench::compare("SQLite fetch 8 instances 4x4 services, HVS_CACHE=off / raw reads",
                        "fetch_8_instances_4_services/cache_off",
-                       "fetch_8_instances_4_services:raw", 0);
+                       "fetch_8_instances_4_services:raw", 1.6 /* 1.1x the 1.45x before */);
 
 /* Growth: n services of one instance each, n instances, n databases. */
 void fetch_services(benchmark::State &state) {

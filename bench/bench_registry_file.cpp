@@ -7,14 +7,14 @@
 #include <string>
 #include <vector>
 
-#include "registry_file.h"
+#include "hvs/registry_file.h"
 
 namespace {
 
 std::string registry_text(int databases) {
   std::string text = "{\"format\": \"hvs-registry\", \"version\": 1, \"keys\": [\n";
-  text += hvsctl::key_line("DATABASE", false, {}) + ",\n";
-  text += hvsctl::key_line("DATABASE.DATABASES", false, {});
+  text += hvs::key_line("DATABASE", false, {}) + ",\n";
+  text += hvs::key_line("DATABASE.DATABASES", false, {});
   for (int d = 0; d < databases; ++d) {
     const std::string db = "DATABASE.DATABASES.db" + std::to_string(d);
     for (const auto &[k, v] : std::vector<std::pair<std::string, std::string>>{
@@ -22,7 +22,7 @@ std::string registry_text(int databases) {
              {".POLICY", "AUTOMATIC"}, {".DB_NAME", "db"}, {".TERVAN_HOME", "/opt/tervan"},
              {".BOOTCFG", "/etc/db.cfg"}, {".START_OPTIONS", "open"}, {".INSTANCE", ""}}) {
       std::string value = v.empty() ? std::string() : v + std::string(1, '\0');
-      text += ",\n" + hvsctl::key_line(db + k, !v.empty(), value);
+      text += ",\n" + hvs::key_line(db + k, !v.empty(), value);
     }
   }
   return text + "\n]}\n";
@@ -31,10 +31,10 @@ std::string registry_text(int databases) {
 void BM_ReadRegistryFile(benchmark::State &state) {
   const int databases = int(state.range(0)) / 10;
   const std::string text = registry_text(databases);
-  std::vector<hvsctl::FileKey> keys;
+  std::vector<hvs::FileKey> keys;
   std::string error;
   for (auto _ : state) {
-    if (!hvsctl::parse_registry_file("bench.json", text, keys, error))
+    if (!hvs::parse_registry_file("bench.json", text, keys, error))
       state.SkipWithError(error.c_str());
     benchmark::DoNotOptimize(keys.data());
   }

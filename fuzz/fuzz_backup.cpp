@@ -16,7 +16,7 @@
 #include "command.h"
 #include "fuzz_common.h"
 #include "hvs/backend.h"
-#include "registry_file.h"
+#include "hvs/registry_file.h"
 
 namespace {
 
@@ -42,7 +42,7 @@ void check_refusal(const std::string &file, const std::string &text, const std::
   size_t colon = error.find(':', at);
   FUZZ_CHECK(colon != std::string::npos && colon > at);
   size_t line = std::stoul(error.substr(at, colon - at));
-  FUZZ_CHECK(line >= 1 && line <= hvsctl::line_of(text, text.size()));
+  FUZZ_CHECK(line >= 1 && line <= hvs::line_of(text, text.size()));
   FUZZ_CHECK(error.size() > colon + 2);
 }
 
@@ -58,9 +58,9 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
     FUZZ_CHECK(std::fclose(f) == 0);
   }
 
-  std::vector<hvsctl::FileKey> keys;
+  std::vector<hvs::FileKey> keys;
   std::string error, backup = "(unset)";
-  const bool ok = hvsctl::parse_registry_file("fuzz.json", text, keys, error, &backup);
+  const bool ok = hvs::parse_registry_file("fuzz.json", text, keys, error, &backup);
   hvsctl::Tree tree;
   std::string meta = "(unset)";
   const int rc = hvsctl::load_file(path, tree, &meta);
@@ -80,18 +80,18 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
     FUZZ_CHECK(names.insert(e.name).second);
     FUZZ_CHECK(e.has_value || e.bytes.empty());
     FUZZ_CHECK(e.name == keys[i].name && e.bytes == keys[i].bytes);
-    FUZZ_CHECK(keys[i].line >= 1 && keys[i].line <= hvsctl::line_of(text, text.size()));
+    FUZZ_CHECK(keys[i].line >= 1 && keys[i].line <= hvs::line_of(text, text.size()));
   }
-  (void)hvsctl::backup_count_mismatch(meta, tree.size());
+  (void)hvs::backup_count_mismatch(meta, tree.size());
 
   /* Written back as the backup writer writes it. */
   const bool is_backup = !meta.empty();
   const std::string again =
-      hvsctl::render_file(tree, is_backup ? hvsctl::kBackupFormatName : hvsctl::kFormatName,
+      hvsctl::render_file(tree, is_backup ? hvs::kBackupFormatName : hvs::kFormatName,
                           is_backup ? "\"backup\": " + meta : "");
-  std::vector<hvsctl::FileKey> back;
+  std::vector<hvs::FileKey> back;
   std::string error2, meta2;
-  if (!hvsctl::parse_registry_file("again.json", again, back, error2, &meta2)) {
+  if (!hvs::parse_registry_file("again.json", again, back, error2, &meta2)) {
     std::fprintf(stderr, "written back, the backup does not parse: %s\n%s\n", error2.c_str(),
                  again.c_str());
     std::abort();

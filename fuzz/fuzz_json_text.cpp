@@ -23,7 +23,7 @@
 #include "../tools/common/json_text.h"
 #include "fuzz_common.h"
 #include "hvs/backend.h"
-#include "registry_file.h"
+#include "hvs/registry_file.h"
 
 namespace {
 
@@ -101,18 +101,18 @@ void check_file(const std::vector<Record> &recs) {
   std::set<std::string> names;
   for (size_t i = 0; i < recs.size(); ++i) {
     const Record &r = recs[i];
-    text += (i ? ",\n" : "") + hvsctl::key_line(r.name, r.has_value, r.bytes);
+    text += (i ? ",\n" : "") + hvs::key_line(r.name, r.has_value, r.bytes);
     const bool good = r.name.find('\0') == std::string::npos &&
                       hvs::key_name_problem(r.name) == nullptr && names.insert(r.name).second;
     if (!good && bad_line == 0)
       bad_line = i + 2;
-    (void)hvsctl::display_value(r.bytes);
+    (void)hvs::display_value(r.bytes);
   }
   text += "\n]}\n";
 
-  std::vector<hvsctl::FileKey> keys;
+  std::vector<hvs::FileKey> keys;
   std::string error;
-  const bool ok = hvsctl::parse_registry_file("f.json", text, keys, error);
+  const bool ok = hvs::parse_registry_file("f.json", text, keys, error);
   if (bad_line != 0) {
     if (ok || error.rfind("f.json:" + std::to_string(bad_line) + ": ", 0) != 0) {
       std::fprintf(stderr, "a bad key on line %zu, and the parser says: %s\n%s\n", bad_line,

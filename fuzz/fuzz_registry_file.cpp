@@ -9,13 +9,13 @@
 
 #include "fuzz_common.h"
 #include "hvs/backend.h"
-#include "registry_file.h"
+#include "hvs/registry_file.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
   const std::string text(reinterpret_cast<const char *>(data), size);
-  std::vector<hvsctl::FileKey> keys;
+  std::vector<hvs::FileKey> keys;
   std::string error;
-  if (!hvsctl::parse_registry_file("fuzz.json", text, keys, error)) {
+  if (!hvs::parse_registry_file("fuzz.json", text, keys, error)) {
     FUZZ_CHECK(error.rfind("fuzz.json:", 0) == 0);
     FUZZ_CHECK(error.size() > 10);
     return 0;
@@ -29,14 +29,14 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
     FUZZ_CHECK(hvs::key_name_problem(k.name) == nullptr);
     FUZZ_CHECK(names.insert(k.name).second);
     FUZZ_CHECK(k.has_value || k.bytes.empty());
-    (void)hvsctl::display_value(k.bytes);
-    again += (i ? ",\n" : "") + hvsctl::key_line(k.name, k.has_value, k.bytes);
+    (void)hvs::display_value(k.bytes);
+    again += (i ? ",\n" : "") + hvs::key_line(k.name, k.has_value, k.bytes);
   }
   again += "\n]}\n";
 
-  std::vector<hvsctl::FileKey> back;
+  std::vector<hvs::FileKey> back;
   std::string error2;
-  if (!hvsctl::parse_registry_file("again.json", again, back, error2)) {
+  if (!hvs::parse_registry_file("again.json", again, back, error2)) {
     std::fprintf(stderr, "written back, the keys do not parse: %s\n%s\n", error2.c_str(),
                  again.c_str());
     std::abort();

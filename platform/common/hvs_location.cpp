@@ -11,10 +11,12 @@ namespace {
 constexpr std::string_view kSqlite = "sqlite:";
 constexpr std::string_view kZooKeeper = "zk://";
 constexpr std::string_view kMemory = "mem:";
+constexpr std::string_view kFile = "file:";
 constexpr const char *kDefaultZkRoot = "/hvs";
 
 constexpr std::string_view kForms =
-    "sqlite:PATH, a plain file path, zk://HOST:PORT[,HOST:PORT...]/ROOT or mem:NAME";
+    "sqlite:PATH, a plain file path, zk://HOST:PORT[,HOST:PORT...]/ROOT, mem:NAME or "
+    "file:PATH (a saved registry file, read-only)";
 
 Location invalid(const std::string &text, std::string why) {
   if (why.find(kForms) == std::string::npos)
@@ -114,6 +116,16 @@ Location parse_location(const std::string &text) {
     if (std::string why = path_problem(loc.path); !why.empty())
       return invalid(text, "registry location \"" + text + "\": " + why);
     loc.text = std::string(kSqlite) + shown_path(loc.path);
+    return loc;
+  }
+  if (t.starts_with(kFile)) {
+    loc.engine = Engine::File;
+    loc.path = std::string(t.substr(kFile.size()));
+    if (loc.path.empty())
+      return invalid(text, "file location without a file path");
+    if (std::string why = path_problem(loc.path); !why.empty())
+      return invalid(text, "registry location \"" + text + "\": " + why);
+    loc.text = std::string(kFile) + shown_path(loc.path);
     return loc;
   }
   if (t.starts_with(kMemory)) {

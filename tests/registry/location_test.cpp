@@ -26,6 +26,8 @@ TEST(Location, ParsesEachScheme) {
        "sqlite:/var/lib/reg.db"},
       {"rel/../reg.db", Engine::Sqlite, "rel/../reg.db", "", ""}, // shown from /
       {"mem:unit", Engine::Memory, "unit", "", "mem:unit"},
+      {"file:/var/backups/b.json", Engine::File, "/var/backups/b.json", "",
+       "file:/var/backups/b.json"},
       {"zk://10.0.0.1:2181", Engine::ZooKeeper, "10.0.0.1:2181", "/hvs",
        "zk://10.0.0.1:2181"},
       {"zk://a:1,b:2/cluster/x/", Engine::ZooKeeper, "a:1,b:2", "/cluster/x",
@@ -45,7 +47,7 @@ TEST(Location, ParsesEachScheme) {
 }
 
 TEST(Location, RejectsMalformedOnes) {
-  for (const char *text : {"", "sqlite:", "mem:", "zk://", "zk://host",
+  for (const char *text : {"", "sqlite:", "mem:", "file:", "zk://", "zk://host",
                            "zk://host:", "zk://host:0", "zk://host:65536",
                            "zk://h:1,,g:2", "zk://h:1//x", "zk://h:x1",
                            "http://example.com/reg",

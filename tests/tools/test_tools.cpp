@@ -10,6 +10,7 @@
 #include <filesystem>
 #include <fstream>
 #include <map>
+#include <set>
 
 #include <nlohmann/json.hpp>
 #include <sqlite3.h>
@@ -357,6 +358,80 @@ TEST_F(HvsctlTool, CheckNamesEveryBrokenFormWithItsKey) {
   EXPECT_EQ(cases.size(), found.size()) << live.dump(1);
 }
 
+// The sample is clean. What only shows across branches: each finding names
+// every key involved and the command that fixes it, and those commands do
+// fix it. An unused node is a notice only.
+TEST_F(HvsctlTool, CheckFindsWhatCrossesBranchesAndHowToFixIt) {
+  Result sample = run("check");
+  EXPECT_EQ(0, sample.status) << sample.out;
+  EXPECT_NE(std::string::npos, sample.out.find(" 0 findings\n")) << sample.out;
+  const std::string sales = "DATABASE.DATABASES.sales";
+  const std::string batch = sales + ".SERVICE.salesbatch";
+  for (const std::string &change :
+       {std::string("set DATABASE.DATABASES.hr.INSTANCE.hr2.NODE node9"),
+        "set " + sales + ".INSTANCE.sales2.NODE node1",
+        "set " + batch + ".INSTANCES.sales3.TYPE AVAILABLE"})
+    ASSERT_EQ(0, run(change).status) << change;
+  json doc = run_json("check --json", 5);
+  EXPECT_EQ(1, doc["schema"]);
+  struct Want {
+    std::string key, severity;
+    json keys;
+    std::string fix;
+  } want[] = {
+      {"DATABASE.DATABASES.hr.INSTANCE.hr2.NODE", "error",
+       {"DATABASE.DATABASES.hr.INSTANCE.hr2.NODE", "DATABASE.NODEAPPS.node9"},
+       "hvsctl create DATABASE.NODEAPPS.node9 node9"},
+      {sales + ".INSTANCE.sales2.NODE", "error",
+       {sales + ".INSTANCE.sales2.NODE", sales + ".INSTANCE.sales1.NODE"},
+       "hvsctl set " + sales + ".INSTANCE.sales2.NODE node2"},
+      {batch, "error", {batch, batch + ".INSTANCES"},
+       "hvsctl set " + batch + ".INSTANCES.sales1.TYPE PREFERRED"},
+      {"DATABASE.NODEAPPS.node2", "notice", {"DATABASE.NODEAPPS.node2"},
+       "hvsctl delete --recursive DATABASE.NODEAPPS.node2"},
+  };
+  ASSERT_EQ(std::size(want), doc["findings"].size()) << doc.dump(1);
+  for (size_t i = 0; i < std::size(want); ++i) {
+    const json &f = doc["findings"][i];
+    EXPECT_EQ(json({want[i].key, want[i].severity, want[i].keys, want[i].fix}),
+              json({f["key"], f["severity"], f["keys"], f["fix"]}));
+  }
+  for (size_t i = 0; i < 3; ++i)
+    ASSERT_EQ(0, run(want[i].fix.substr(std::string("hvsctl ").size())).status) << want[i].fix;
+  Result clean = run("check");
+  EXPECT_EQ(0, clean.status) << clean.out;
+  EXPECT_NE(std::string::npos, clean.out.find(" 0 findings\n")) << clean.out;
+
+  ASSERT_EQ(0, run("create DATABASE.NODEAPPS.node5 Node5").status);
+  Result notice = run("check");
+  EXPECT_EQ(0, notice.status) << notice.out;
+  EXPECT_NE(std::string::npos, notice.out.find("DATABASE.NODEAPPS.node5: notice: ")) << notice.out;
+  EXPECT_NE(std::string::npos, notice.out.find(" 0 findings, 1 notice\n")) << notice.out;
+}
+
+// "-" is standard input or output wherever a file is named: a backup piped
+// into a restore elsewhere, an export into an import, a check of standard
+// input; messages call it (stdin).
+TEST_F(HvsctlTool, DashIsStandardInputAndOutput) {
+  const std::string other = std::string(HVSCTL_PATH) + " --registry sqlite:" + file("other.db");
+  auto sh = [this](const std::string &cmd) { return testkit::run_shell(dir_, cmd); };
+  ASSERT_EQ(0, run("backup - | tee " + file("b.json")).status);
+  EXPECT_EQ("hvs-backup", json::parse(slurp(file("b.json")))["format"]);
+  Result piped = run("backup - | " + other + " restore -");
+  ASSERT_EQ(0, piped.status) << piped.err;
+  EXPECT_EQ(0, sh(other + " diff " + file("b.json") + " --live").status);
+  ASSERT_EQ(0, sh(other + " delete -r DATABASE.DATABASES.hr").status);
+  piped = run("export | " + other + " import --replace -");
+  ASSERT_EQ(0, piped.status) << piped.err;
+  EXPECT_EQ(0, sh(other + " diff - --live < " + file("b.json")).status);
+
+  json checked = json::parse(run("check --json - < " + file("b.json")).out);
+  EXPECT_EQ("(stdin)", checked["source"]);
+  Result bad = run("import - < /dev/null");
+  EXPECT_EQ(10, bad.status);
+  EXPECT_EQ(0u, bad.err.find("(stdin):1: ")) << bad.err;
+}
+
 TEST_F(HvsctlTool, OneKeyCommandsAndTheirExitCodes) {
   const std::string inst = "DATABASE.DATABASES.hr.INSTANCE";
   struct Step {
@@ -404,35 +479,76 @@ TEST_F(HvsctlTool, OneKeyCommandsAndTheirExitCodes) {
   }
 }
 
-TEST_F(HvsctlTool, DiffTellsAddedRemovedAndChangedKeys) {
+// diff tells changes as the objects they change, file against file, file
+// against the registry and file against standard input alike; what it does
+// not know stays a key change, and --keys and the JSON "changes" keep
+// every key change.
+TEST_F(HvsctlTool, DiffSpeaksOfObjectsAndKeepsEveryKey) {
   ASSERT_EQ(0, run("export -o " + file("before.json")).status);
   EXPECT_EQ(0, run("diff " + file("before.json") + " --live").status);
 
-  const std::string db = "DATABASE.DATABASES.hr";
-  ASSERT_EQ(0, run("set " + db + ".ENABLED false").status);
-  ASSERT_EQ(0, run("delete " + db + ".DOMAIN").status);
-  ASSERT_EQ(0, run("create " + db + ".INSTANCE.hr1.NOTE").status);
-
-  json d = run_json("diff --json " + file("before.json") + " -", 5);
-  std::map<std::string, json> by_key;
-  for (const auto &c : d["changes"])
-    by_key[c["key"]] = c;
-  ASSERT_EQ(3u, by_key.size()) << d.dump(1);
-  EXPECT_EQ("changed", by_key[db + ".ENABLED"]["change"]);
-  EXPECT_EQ("\"true\"", by_key[db + ".ENABLED"]["a"]);
-  EXPECT_EQ("\"false\"", by_key[db + ".ENABLED"]["b"]);
-  EXPECT_EQ("removed", by_key[db + ".DOMAIN"]["change"]);
-  EXPECT_EQ("added", by_key[db + ".INSTANCE.hr1.NOTE"]["change"]);
-  EXPECT_TRUE(by_key[db + ".INSTANCE.hr1.NOTE"]["b"].is_null());
-
-  // Two files, the readable form, and the sides swapped.
+  const std::string sales = "DATABASE.DATABASES.sales";
+  const std::string note = sales + ".INSTANCE.sales1.NOTE";
+  for (const std::string &change :
+       {"set " + sales + ".ROLE PHYSICAL_STANDBY",
+        "set '" + sales + ".SERVICE.sales*east.INSTANCES.sales2.TYPE' AVAILABLE",
+        "set " + sales + ".INSTANCE.sales3.ENABLED true",
+        std::string("set DATABASE.NODEAPPS.node3.VIP.IP 192.0.2.23"),
+        std::string("delete --recursive DATABASE.DATABASES.hr"), "create " + note + " x"})
+    ASSERT_EQ(0, run(change).status) << change;
+  const std::string told = "database hr: removed\n"
+                           "database sales: role PRIMARY -> PHYSICAL_STANDBY\n"
+                           "+ " + note + " = \"x\"\n"
+                           "instance Sales3: disabled -> enabled\n"
+                           "service sales.east: preferred [Sales1, Sales2] -> [Sales1]\n"
+                           "service sales.east: available [Sales3 (disabled)] -> "
+                           "[Sales2, Sales3 (disabled)]\n"
+                           "node node3: VIP 192.0.2.13 -> 192.0.2.23\n";
   ASSERT_EQ(0, run("export -o " + file("after.json")).status);
-  Result r = run("diff " + file("after.json") + " " + file("before.json"));
-  EXPECT_EQ(5, r.status);
-  EXPECT_NE(std::string::npos, r.out.find("+ " + db + ".DOMAIN = "));
-  EXPECT_NE(std::string::npos, r.out.find("- " + db + ".INSTANCE.hr1.NOTE"));
-  EXPECT_NE(std::string::npos,
-            r.out.find("~ " + db + ".ENABLED: \"false\" -> \"true\""));
+  const std::string before = file("before.json"), after = file("after.json");
+  Result live = run("diff " + before + " --live");
+  EXPECT_EQ(5, live.status);
+  EXPECT_EQ("--- " + before + "\n+++ " + reg_ + "\n" + told, live.out);
+  EXPECT_EQ("--- " + before + "\n+++ " + after + "\n" + told,
+            run("diff " + before + " " + after).out);
+  Result piped = run("diff " + before + " - < " + after);
+  EXPECT_EQ(5, piped.status) << piped.err;
+  EXPECT_EQ("--- " + before + "\n+++ (stdin)\n" + told, piped.out);
+  Result back = run("diff " + after + " " + before);
+  EXPECT_NE(std::string::npos, back.out.find("\ndatabase hr: added\n")) << back.out;
+  EXPECT_NE(std::string::npos, back.out.find("\n- " + note + " = \"x\"\n")) << back.out;
+
+  // The JSON has every key change, and each object-level change names the
+  // changed keys it accounts for: together they are all of them.
+  json d = run_json("diff --json " + before + " --live", 5);
+  EXPECT_EQ(1, d["schema"]);
+  std::set<std::string> keys, accounted;
+  for (const auto &c : d["changes"])
+    keys.insert(c["key"].get<std::string>());
+  std::string texts;
+  for (const auto &o : d["objects"]) {
+    texts += o["text"].get<std::string>() + "\n";
+    for (const auto &k : o["keys"])
+      EXPECT_TRUE(accounted.insert(k.get<std::string>()).second || o["object"] == "service")
+          << k;
+  }
+  accounted.insert(note);
+  EXPECT_EQ(keys, accounted);
+  EXPECT_EQ(35u, keys.size()); // hr's 30 keys, four changed values, the note
+  json role = d["objects"][1];
+  EXPECT_EQ(json({"database", "sales", "changed", "role", "PRIMARY", "PHYSICAL_STANDBY"}),
+            json({role["object"], role["name"], role["change"], role["what"], role["a"],
+                  role["b"]}));
+
+  // --keys: one line a changed key, and the same keys in its JSON.
+  Result by_key = run("diff --keys " + before + " --live");
+  EXPECT_EQ(5, by_key.status);
+  EXPECT_EQ(keys.size() + 2, size_t(std::count(by_key.out.begin(), by_key.out.end(), '\n')))
+      << by_key.out;
+  EXPECT_NE(std::string::npos, by_key.out.find("~ " + sales + ".ROLE: \"PRIMARY\" -> "));
+  json k = run_json("diff --keys --json " + before + " --live", 5);
+  EXPECT_FALSE(k.contains("objects"));
+  EXPECT_EQ(keys.size(), k["changes"].size());
 
   EXPECT_EQ(2, run("diff - -").status);
   EXPECT_EQ(10, run("diff " + file("missing.json") + " --live").status);
@@ -470,7 +586,7 @@ TEST_F(HvsctlTool, BackupAndRestoreRoundTrip) {
   // Into an empty registry, and from a plain export as well.
   reg_ = "sqlite:" + file("other.db");
   ASSERT_EQ(0, run("restore " + file("backup.json")).status);
-  EXPECT_EQ(0, run("diff " + file("backup.json") + " -").status);
+  EXPECT_EQ(0, run("diff " + file("backup.json") + " --live").status);
   EXPECT_EQ(0, run("restore " SAMPLE_CLUSTER).status);
   EXPECT_EQ(0, run("check").status);
 
@@ -833,6 +949,67 @@ TEST_F(Prsrctl, VerboseShowsTheLibrarysTrace) {
                                           "[DATABASE.DATABASES.sales.ENABLED]"))
       << r.err.substr(0, 2000);
   EXPECT_EQ(std::string::npos, run("get enabled -d sales").err.find("prsr_get_db_enabled"));
+}
+
+} // namespace
+
+namespace {
+
+/* A saved file as the registry (file:): every read of both tools answers as
+ * the registry it was taken from did, with no lock directory and nothing
+ * else made beside the file; every write is refused naming the file, and
+ * changes nothing. */
+TEST_F(Prsrctl, SavedFileServesReadsAndRefusesWrites) {
+  const std::string saved = dir_.path("saved/b.json");
+  std::filesystem::create_directory(dir_.path("saved"));
+  ASSERT_EQ(0, sh(std::string(HVSCTL_PATH) + " --registry " + reg_ + " backup " + saved).status);
+  const std::string bytes = testkit::slurp(saved);
+  const std::string file = "file:" + saved;
+  auto both = [&](const std::string &registry, const std::string &tool, const std::string &args) {
+    return sh("LKS_TIMEOUT_MS=300 " + tool + " --registry " + registry + " " + args);
+  };
+  const std::string prsrctl = PRSRCTL_PATH, hvsctl = HVSCTL_PATH;
+  const std::pair<std::string, std::string> reads[] = {
+      {prsrctl, "config database"},
+      {prsrctl, "--json config database -d sales"},
+      {prsrctl, "--json config service -d sales -s sales.east"},
+      {prsrctl, "config nodeapps -n node3"},
+      {prsrctl, "config vlm -p storage -n vlm1"},
+      {prsrctl, "get role -d salesdr"},
+      {prsrctl, "get instance -d sales -n node2"},
+      {prsrctl, "get enabled -d nosuch"},
+      {hvsctl, "dump"},
+      {hvsctl, "export DATABASE.NODEAPPS"},
+      {hvsctl, "get DATABASE.NODEAPPS.node3.VIP"},
+      {hvsctl, "ls DATABASE.DATABASES.sales.SERVICE"},
+      {hvsctl, "diff " SAMPLE_CLUSTER " --live"},
+  };
+  for (const auto &[tool, args] : reads) {
+    Result live = both(reg_, tool, args), kept = both(file, tool, args);
+    EXPECT_EQ(live.status, kept.status) << args << "\n" << kept.err;
+    EXPECT_EQ(live.out, kept.out) << args;
+  }
+  Result env = sh("HVS_REGISTRY=" + file + " " + prsrctl + " --json get enabled -d sales");
+  EXPECT_EQ(0, env.status) << env.err;
+  EXPECT_EQ(true, json::parse(env.out)["enabled"]);
+
+  const std::pair<std::string, std::string> writes[] = {
+      {prsrctl, "disable database -d sales"},
+      {prsrctl, "set role -d sales PHYSICAL_STANDBY"},
+      {hvsctl, "set DATABASE.DATABASES.sales.ENABLED false"},
+      {hvsctl, "delete -r DATABASE.DATABASES.hr"},
+      {hvsctl, "restore " SAMPLE_CLUSTER},
+  };
+  for (const auto &[tool, args] : writes) {
+    Result r = both(file, tool, args);
+    EXPECT_EQ(3, r.status) << args << "\n" << r.err;
+    EXPECT_NE(std::string::npos, r.err.find(file + ": a saved registry file is read-only"))
+        << args << "\n" << r.err;
+  }
+  EXPECT_EQ(bytes, testkit::slurp(saved));
+  EXPECT_EQ(1, std::distance(std::filesystem::directory_iterator(dir_.path("saved")),
+                             std::filesystem::directory_iterator()));
+  EXPECT_EQ(3, both("file:" + dir_.path("none.json"), prsrctl, "config database").status);
 }
 
 } // namespace

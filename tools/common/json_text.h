@@ -13,57 +13,13 @@
 
 #include <nlohmann/json.hpp>
 
+#include "hvs/registry_file.h"
+
 namespace tools {
 
-inline bool valid_utf8(std::string_view s) {
-  std::size_t i = 0;
-  while (i < s.size()) {
-    auto c = static_cast<unsigned char>(s[i]);
-    std::size_t n;
-    uint32_t cp;
-    if (c < 0x80) {
-      ++i;
-      continue;
-    } else if ((c & 0xe0) == 0xc0) {
-      n = 1;
-      cp = c & 0x1f;
-    } else if ((c & 0xf0) == 0xe0) {
-      n = 2;
-      cp = c & 0x0f;
-    } else if ((c & 0xf8) == 0xf0) {
-      n = 3;
-      cp = c & 0x07;
-    } else {
-      return false;
-    }
-    if (i + n >= s.size()) // truncated sequence
-      return false;
-    for (std::size_t k = 1; k <= n; ++k) {
-      auto d = static_cast<unsigned char>(s[i + k]);
-      if ((d & 0xc0) != 0x80)
-        return false;
-      cp = (cp << 6) | (d & 0x3f);
-    }
-    // No overlong forms, no surrogates, nothing above U+10FFFF.
-    static constexpr uint32_t kMin[] = {0, 0x80, 0x800, 0x10000};
-    if (cp < kMin[n] || cp > 0x10ffff || (cp >= 0xd800 && cp <= 0xdfff))
-      return false;
-    i += n + 1;
-  }
-  return true;
-}
-
-inline std::string to_hex(std::string_view bytes) {
-  static constexpr char kDigits[] = "0123456789abcdef";
-  std::string out;
-  out.reserve(bytes.size() * 2);
-  for (char c : bytes) {
-    auto b = static_cast<unsigned char>(c);
-    out += kDigits[b >> 4];
-    out += kDigits[b & 15];
-  }
-  return out;
-}
+// The registry file format's own rules for both (hvs/registry_file.h).
+using hvs::to_hex;
+using hvs::valid_utf8;
 
 // A name or text as JSON: a string, or {"hex": "..."} when it is not UTF-8.
 inline nlohmann::json text_json(std::string_view s) {

@@ -13,7 +13,7 @@
 #include "../common/json_text.h"
 
 #include "command.h"
-#include "registry_file.h"
+#include "hvs/registry_file.h"
 #include "hvs/backend.h"
 #include "hvsadm.h"
 #include "lks.h"
@@ -76,8 +76,9 @@ int do_backup(const std::string &file) {
   if (int rc = write_atomically(file, text,
                                 loc.engine == hvs::Engine::Sqlite ? loc.path : ""))
     return rc;
-  fmt::print("backed up {} keys of {} to {}\n", tree.size(), c.location(),
-             file);
+  // On standard output the backup is all there is.
+  if (file != "-")
+    fmt::print("backed up {} keys of {} to {}\n", tree.size(), c.location(), file);
   return kOk;
 }
 
@@ -128,10 +129,11 @@ private:
   std::vector<std::string> held_;
 };
 
-int do_restore(const std::string &file) {
+int do_restore(const std::string &path) {
+  const std::string file = path == "-" ? kStdinLabel : path;
   Tree tree;
   std::string meta_text;
-  if (int rc = load_file(file, tree, &meta_text))
+  if (int rc = load_file(path, tree, &meta_text))
     return rc;
   if (std::string said = backup_count_mismatch(meta_text, tree.size());
       !said.empty()) {
@@ -209,7 +211,8 @@ void register_backup(CLI::App &app, std::vector<Command> &out) {
   static std::string file;
   auto *backup =
       app.add_subcommand("backup", "save the whole registry with metadata");
-  backup->add_option("FILE", file, "the backup file to write")->required();
+  backup->add_option("FILE", file, "the backup file to write, - for standard output")
+      ->required();
   manual(backup, R"(DESCRIPTION
   Writes every key of the registry to FILE: the export format with the
   format name "hvs-backup" and a "backup" member that records when and from
@@ -224,7 +227,8 @@ void register_backup(CLI::App &app, std::vector<Command> &out) {
   the old file or the complete new one. It gets the group and the mode of
   an SQLite registry file with nothing for others (0600 for other
   registries), whatever the umask. The backup reads one consistent
-  snapshot and takes no lock.
+  snapshot and takes no lock. FILE "-" writes the backup to standard
+  output, and nothing else there.
 
 EXIT STATUS
   0 written, 3 registry failure, 10 FILE cannot be written
@@ -233,13 +237,14 @@ EXIT STATUS
 
   auto *restore = app.add_subcommand(
       "restore", "replace the whole registry with a backup, atomically");
-  restore->add_option("FILE", file, "a backup (or an export) file")
+  restore->add_option("FILE", file, "a backup (or an export) file, - for standard input")
       ->required();
   manual(restore, R"(DESCRIPTION
   Replaces every key of the registry with the keys of FILE, in one
   transaction: afterwards the registry holds exactly the file, or, on any
   failure, what it held before. FILE is a backup or a plain export; a
-  backup whose key count disagrees with its metadata is refused.
+  backup whose key count disagrees with its metadata is refused. FILE "-"
+  reads standard input.
 
   While it writes, restore holds the locks a writer of the library takes,
   exclusively: FLTM.DATABASE.DATABASES, then FLTM.DATABASE.DATABASES.<db>

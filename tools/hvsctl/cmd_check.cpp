@@ -1,89 +1,62 @@
 // hvsctl check: the key tree held against what the library reads, so that an
 // administrator sees a bad tree before the library trips on it.
 #include <algorithm>
+#include <array>
 #include <cctype>
 #include <map>
+#include <optional>
 #include <set>
 #include <span>
 
 #include <fmt/format.h>
+#include <fmt/ranges.h>
 #include <nlohmann/json.hpp>
 
 #include "../common/json_text.h"
 
 #include "command.h"
 #include "hvs/backend.h"
+#include "layout.h"
 
 namespace hvsctl {
 namespace {
 
-// The library reads plain texts and ENABLED into a buffer of this size, the
-// terminating NUL included.
-constexpr size_t kValueBuffer = 1024;
+using namespace layout;
 
 struct Finding {
   std::string key;
   std::string problem;
+  std::vector<std::string> keys; // every key involved, key first
+  std::string fix;               // the hvsctl command that fixes it, or ""
+  bool notice = false;           // worth knowing, but nothing the library trips on
 };
 
-// What a key's value must look like.
-enum class Form {
-  Container, // the value is never read
-  Text,      // text with its NUL, read into the value buffer
-  Boolean,   // "true" or "false", any case
-  Role,      // one of the four role words
-  FovPolicy, // a failover policy word
-  Type,      // PREFERRED or AVAILABLE, exactly
-  Multi,     // a multi-string
-  Vip,       // text, or length 0 when the IP child holds the address
-};
+// An argument as a shell reads it back unchanged ("*" of a service key).
+std::string quoted(const std::string &arg) {
+  bool plain = !arg.empty() && std::all_of(arg.begin(), arg.end(), [](char c) {
+    return std::isalnum(static_cast<unsigned char>(c)) != 0 || c == '.' || c == '_' ||
+           c == '-' || c == '/' || c == ':' || c == '=';
+  });
+  if (plain)
+    return arg;
+  std::string out = "'";
+  for (char c : arg)
+    out += c == '\'' ? std::string("'\\''") : std::string(1, c);
+  return out + "'";
+}
 
-struct Child {
-  const char *word;
-  Form form;
-  bool required;
-};
+std::string command(std::initializer_list<std::string> args) {
+  std::string out = "hvsctl";
+  for (const auto &a : args)
+    out += " " + quoted(a);
+  return out;
+}
 
-// The fixed words under each kind of named key.
-constexpr Child kDatabase[] = {
-    {"DB_CLU_ALIAS", Form::Container, false}, {"TERVAN_HOME", Form::Text, false},
-    {"BOOTCFG", Form::Text, false},           {"DB_NAME", Form::Text, false},
-    {"ROLE", Form::Role, false},              {"START_OPTIONS", Form::Text, false},
-    {"POLICY", Form::Text, false},            {"DOMAIN", Form::Text, false},
-    {"ENABLED", Form::Boolean, false},        {"ENVIRONMENT", Form::Multi, false},
-    {"INSTANCE", Form::Container, true},      {"SERVICE", Form::Container, true},
-};
-constexpr Child kAlias[] = {{"IP", Form::Text, false}};
-constexpr Child kInstance[] = {
-    {"NODE", Form::Text, true},
-    {"ENVIRONMENT", Form::Multi, false},
-    {"ENABLED", Form::Boolean, false},
-};
-constexpr Child kService[] = {
-    {"ENABLED", Form::Boolean, false},
-    {"ENVIRONMENT", Form::Multi, false},
-    {"FOVPOLICY", Form::FovPolicy, false},
-    {"INSTANCES", Form::Container, false},
-};
-constexpr Child kServiceInstance[] = {
-    {"TYPE", Form::Type, true},
-    {"ENABLED", Form::Boolean, false},
-};
-constexpr Child kVlm[] = {
-    {"BOOTCFG", Form::Text, false},      {"TERVAN_HOME", Form::Text, false},
-    {"START_OPTIONS", Form::Text, false}, {"VERSION", Form::Text, false},
-    {"ENVIRONMENT", Form::Multi, false}, {"ENABLED", Form::Boolean, false},
-};
-constexpr Child kNode[] = {
-    {"TERVAN_HOME", Form::Text, false},
-    {"VIP", Form::Vip, false},
-    {"ENVIRONMENT", Form::Multi, false},
-};
-constexpr Child kVip[] = {
-    {"IP", Form::Text, false},
-    {"NETMASK", Form::Text, false},
-    {"INTERFACES", Form::Text, false},
-};
+std::string lower(std::string s) {
+  std::transform(s.begin(), s.end(), s.begin(),
+                 [](unsigned char c) { return char(std::tolower(c)); });
+  return s;
+}
 
 bool iequal(std::string_view a, std::string_view b) {
   return a.size() == b.size() &&
@@ -105,29 +78,28 @@ public:
   }
 
   std::vector<Finding> run() {
-    const std::string dbs = "DATABASE.DATABASES";
+    const std::string dbs = kDatabases;
     if (!find(dbs))
       add(dbs, "missing: the library lists and reads databases under it");
     for (const auto &db : subkeys(dbs))
       database(dbs + "." + db, db);
-    const std::string vlm = "DATABASE.VLM";
+    const std::string vlm = kVlm;
     for (const auto &parent : subkeys(vlm)) {
       std::string pkey = vlm + "." + parent;
       lower_component(pkey, parent);
       for (const auto &name : subkeys(pkey)) {
         std::string key = pkey + "." + name;
         named(key, name, false, true);
-        children(key, kVlm);
+        children(key, kVlmWords);
       }
     }
-    const std::string nodes = "DATABASE.NODEAPPS";
+    const std::string nodes = kNodes;
     for (const auto &node : subkeys(nodes)) {
       std::string key = nodes + "." + node;
       named(key, node, false, true);
-      children(key, kNode);
-      if (find(key + ".VIP"))
-        children(key + ".VIP", kVip);
+      children(key, kNodeWords);
     }
+    across();
     return std::move(findings_);
   }
 
@@ -142,33 +114,111 @@ private:
     return it == children_.end() ? none : it->second;
   }
   void add(const std::string &key, std::string problem) {
-    findings_.push_back({key, std::move(problem)});
+    findings_.push_back({key, std::move(problem), {key}, {}, false});
+  }
+
+  // A text value without its NUL, or nullopt when the key holds none.
+  std::optional<std::string> text_of(const std::string &key) const {
+    const Entry *e = find(key);
+    if (e == nullptr || !e->has_value || e->bytes.empty() || e->bytes.back() != '\0' ||
+        e->bytes.find('\0') != e->bytes.size() - 1)
+      return std::nullopt;
+    return e->bytes.substr(0, e->bytes.size() - 1);
+  }
+
+  // What only shows across branches: instances and the nodes they name,
+  // services and their preferred instances.
+  void across() {
+    const std::string nodes = kNodes;
+    std::set<std::string> known(subkeys(nodes).begin(), subkeys(nodes).end()), used;
+    for (const auto &db : subkeys(kDatabases)) {
+      const std::string dkey = std::string(kDatabases) + "." + db;
+      std::map<std::string, std::string> on_node; // node -> its first NODE key
+      for (const auto &inst : subkeys(dkey + "." + kInstance)) {
+        const std::string nkey = dkey + "." + kInstance + "." + inst + "." + kNode;
+        auto named = text_of(nkey);
+        if (!named || named->empty())
+          continue; // told above
+        const std::string node = lower(*named);
+        used.insert(node);
+        if (!known.contains(node))
+          findings_.push_back(
+              {nkey,
+               fmt::format("the instance's node \"{}\" has no entry {}.{}", *named, nodes, node),
+               {nkey, nodes + "." + node},
+               command({"create", nodes + "." + node, *named}),
+               false});
+        auto [first, fresh] = on_node.emplace(node, nkey);
+        if (fresh)
+          continue;
+        // A node of the cluster that holds no instance of this database yet.
+        std::string free;
+        for (const auto &n : known)
+          if (free.empty() && std::none_of(subkeys(dkey + "." + kInstance).begin(),
+                                           subkeys(dkey + "." + kInstance).end(),
+                                           [&](const std::string &i) {
+                                             auto t = text_of(dkey + "." + kInstance + "." +
+                                                              i + "." + kNode);
+                                             return t && lower(*t) == n;
+                                           }))
+            free = n;
+        findings_.push_back(
+            {nkey,
+             fmt::format("a second instance of database \"{}\" on node \"{}\" (the first: "
+                         "{})",
+                         db, node, first->second),
+             {nkey, first->second},
+             free.empty() ? std::string() : command({"set", nkey, free}),
+             false});
+      }
+      for (const auto &srv : subkeys(dkey + "." + kService)) {
+        const std::string skey = dkey + "." + kService + "." + srv;
+        const std::string ikey = skey + "." + kInstances;
+        std::string fix;
+        bool preferred = false;
+        for (const auto &inst : subkeys(ikey)) {
+          auto type = text_of(ikey + "." + inst + "." + kType);
+          preferred = preferred || type == kPreferred;
+          if (fix.empty() && type == kAvailable)
+            fix = command({"set", ikey + "." + inst + "." + kType, std::string(kPreferred)});
+        }
+        if (!preferred)
+          findings_.push_back({skey,
+                               fmt::format("the service has no {} instance to run on",
+                                           kPreferred),
+                               {skey, ikey}, fix, false});
+      }
+    }
+    for (const auto &node : known)
+      if (!used.contains(node)) {
+        const std::string nkey = nodes + "." + node;
+        findings_.push_back({nkey, "no instance runs on this node", {nkey},
+                             command({"delete", "--recursive", nkey}), true});
+      }
   }
 
   void database(const std::string &key, const std::string &db) {
     named(key, db, false, true);
-    children(key, kDatabase);
-    if (find(key + ".DB_CLU_ALIAS"))
-      children(key + ".DB_CLU_ALIAS", kAlias);
+    children(key, kDatabaseWords);
     std::set<std::string> instances;
-    for (const auto &inst : subkeys(key + ".INSTANCE")) {
-      std::string ikey = key + ".INSTANCE." + inst;
+    for (const auto &inst : subkeys(key + "." + kInstance)) {
+      std::string ikey = key + "." + kInstance + "." + inst;
       instances.insert(inst);
       named(ikey, inst, false, true);
-      children(ikey, kInstance);
+      children(ikey, kInstanceWords);
     }
-    for (const auto &srv : subkeys(key + ".SERVICE")) {
-      std::string skey = key + ".SERVICE." + srv;
+    for (const auto &srv : subkeys(key + "." + kService)) {
+      std::string skey = key + "." + kService + "." + srv;
       named(skey, srv, true, true);
-      children(skey, kService);
-      for (const auto &inst : subkeys(skey + ".INSTANCES")) {
-        std::string ikey = skey + ".INSTANCES." + inst;
+      children(skey, kServiceWords);
+      for (const auto &inst : subkeys(skey + "." + kInstances)) {
+        std::string ikey = skey + "." + kInstances + "." + inst;
         named(ikey, inst, false, true);
-        children(ikey, kServiceInstance);
+        children(ikey, kServiceInstanceWords);
         if (!instances.contains(inst))
           add(ikey, fmt::format("the service names instance \"{}\", which "
-                                "is not under {}.INSTANCE",
-                                inst, key));
+                                "is not under {}.{}",
+                                inst, key, kInstance));
       }
     }
   }
@@ -204,7 +254,7 @@ private:
       return;
     std::string expected = comp;
     if (service)
-      std::replace(expected.begin(), expected.end(), '*', '.');
+      std::transform(expected.begin(), expected.end(), expected.begin(), service_char);
     std::string_view name(e->bytes.data(), e->bytes.size() - 1);
     if (!iequal(name, expected))
       add(key, fmt::format("name text \"{}\" is not the component \"{}\" "
@@ -239,6 +289,8 @@ private:
         continue;
       }
       value(ckey, *e, c.form);
+      if (!c.sub.empty())
+        children(ckey, c.sub);
     }
     for (const auto &sub : subkeys(key)) {
       bool fixed = std::any_of(known.begin(), known.end(), [&](const Child &c) {
@@ -246,9 +298,7 @@ private:
       });
       // The named children are walked by the callers; anything else under a
       // key with fixed words is a word the library does not know.
-      bool named_container = sub == "INSTANCE" || sub == "SERVICE" ||
-                             sub == "INSTANCES";
-      if (!fixed && !named_container)
+      if (!fixed && !named_container(sub))
         add(key + "." + sub, "unknown key: the library reads no such word here");
     }
   }
@@ -281,39 +331,32 @@ private:
       return;
     }
     std::string_view text(e.bytes.data(), e.bytes.size() - 1);
-    auto one_of = [&](std::initializer_list<std::string_view> words,
-                      bool any_case) {
+    auto one_of = [&](std::span<const std::string_view> words, bool any_case) {
       return std::any_of(words.begin(), words.end(), [&](std::string_view w) {
         return any_case ? iequal(text, w) : text == w;
       });
     };
     switch (form) {
     case Form::Boolean:
-      if (!one_of({"true", "false"}, true))
+      if (!one_of(std::array<std::string_view, 2>{"true", "false"}, true))
         add(key, fmt::format("\"{}\" is not a boolean text (\"true\" or "
                              "\"false\")",
                              text));
       break;
     case Form::Role:
-      if (!one_of({"PRIMARY", "PHYSICAL_STANDBY", "LOGICAL_STANDBY",
-                   "SNAPSHOT_STANDBY"},
-                  true))
-        add(key, fmt::format("\"{}\" is not a role (PRIMARY, "
-                             "PHYSICAL_STANDBY, LOGICAL_STANDBY, "
-                             "SNAPSHOT_STANDBY)",
-                             text));
+      if (!one_of(kRoles, true))
+        add(key, fmt::format("\"{}\" is not a role ({})", text, fmt::join(kRoles, ", ")));
       break;
     case Form::FovPolicy:
-      if (!one_of({"NONE", "BASIC", "PRECONNECT", "AVAILABLE", "MUTUAL"}, true))
-        add(key, fmt::format("\"{}\" is not a failover policy (NONE, BASIC, "
-                             "PRECONNECT, AVAILABLE, MUTUAL)",
-                             text));
+      if (!one_of(kFovPolicies, true))
+        add(key, fmt::format("\"{}\" is not a failover policy ({})", text,
+                             fmt::join(kFovPolicies, ", ")));
       break;
     case Form::Type:
-      if (!one_of({"PREFERRED", "AVAILABLE"}, false))
-        add(key, fmt::format("\"{}\" is not PREFERRED or AVAILABLE (upper "
-                             "case exactly): the instance is in neither list",
-                             text));
+      if (!one_of(kTypes, false))
+        add(key, fmt::format("\"{}\" is not {} (upper case exactly): the instance is in "
+                             "neither list",
+                             text, fmt::join(kTypes, " or ")));
       break;
     default:
       break;
@@ -321,7 +364,7 @@ private:
   }
 
   void vip_empty(const std::string &key) {
-    if (find(key + ".IP") == nullptr)
+    if (find(key + "." + kIp) == nullptr)
       add(key, "VIP is empty and has no IP subkey: the node has no address");
   }
 
@@ -351,7 +394,7 @@ int do_check(const std::string &file, bool json) {
   if (!file.empty()) {
     if (int rc = load_file(file, tree))
       return rc;
-    where = file;
+    where = file == "-" ? kStdinLabel : file;
   } else {
     Client c;
     if (!c.open())
@@ -361,20 +404,32 @@ int do_check(const std::string &file, bool json) {
     where = c.location();
   }
   std::vector<Finding> found = Checker(tree).run();
+  size_t notices = size_t(std::count_if(found.begin(), found.end(),
+                                        [](const Finding &f) { return f.notice; }));
   if (json) {
-    nlohmann::json doc = {{"source", where},
+    nlohmann::json doc = {{"schema", kJsonSchema},
+                          {"source", where},
                           {"keys", tree.size()},
                           {"findings", nlohmann::json::array()}};
-    for (const auto &f : found)
-      doc["findings"].push_back({{"key", f.key}, {"problem", f.problem}});
+    for (const auto &f : found) {
+      nlohmann::json one = {{"key", f.key},
+                            {"problem", f.problem},
+                            {"severity", f.notice ? "notice" : "error"},
+                            {"keys", f.keys}};
+      if (!f.fix.empty())
+        one["fix"] = f.fix;
+      doc["findings"].push_back(std::move(one));
+    }
     fmt::print("{}\n", tools::dump_safe(doc, 2));
   } else {
     for (const auto &f : found)
-      fmt::print("{}: {}\n", f.key, f.problem);
-    fmt::print("{}: {} keys, {} finding{}\n", where, tree.size(), found.size(),
-               found.size() == 1 ? "" : "s");
+      fmt::print("{}: {}{}{}\n", f.key, f.notice ? "notice: " : "", f.problem,
+                 f.fix.empty() ? "" : "\n  fix: " + f.fix);
+    fmt::print("{}: {} keys, {} finding{}{}\n", where, tree.size(), found.size() - notices,
+               found.size() - notices == 1 ? "" : "s",
+               notices == 0 ? "" : fmt::format(", {} notice{}", notices, notices == 1 ? "" : "s"));
   }
-  return found.empty() ? kOk : kFindings;
+  return found.size() == notices ? kOk : kFindings;
 }
 
 void register_check(CLI::App &app, std::vector<Command> &out) {
@@ -383,10 +438,12 @@ void register_check(CLI::App &app, std::vector<Command> &out) {
   auto *check = app.add_subcommand(
       "check", "validate the key tree against what the library reads");
   check->add_option("FILE", file,
-                    "check an exported or backup file instead of the registry");
+                    "check an exported or backup file (- for standard input) instead "
+                    "of the registry");
   check->add_flag("--json", json, "one JSON document: source, keys, findings");
   manual(check, R"(DESCRIPTION
-  Reads the whole registry (or FILE) and lists every finding with its key:
+  Reads the whole registry (or FILE, "-" for standard input) and lists
+  every finding with its key:
    - required keys: the value of each database key, INSTANCE and SERVICE
      under each database, NODE of each instance, TYPE of each service
      instance;
@@ -404,17 +461,26 @@ void register_check(CLI::App &app, std::vector<Command> &out) {
      IP subkey;
    - a service instance names an instance of its database;
    - no unknown words under databases, instances, services, storage-manager
-     entries and nodes.
+     entries and nodes;
+   - across branches: each instance's NODE names a node with an entry under
+     DATABASE.NODEAPPS; no two instances of one database on one node; each
+     service has a PREFERRED instance; and, as a notice only, each node
+     entry is used by some instance.
+  A finding across branches names every key involved and, where there is
+  one, the hvsctl command that fixes it.
   Keys outside DATABASE.DATABASES, DATABASE.VLM and DATABASE.NODEAPPS are
   not looked at.
 
 OUTPUT
-  One line "KEY: problem" per finding, then a summary line. With --json:
-  {"source": ..., "keys": N, "findings": [{"key": ..., "problem": ...}]}.
+  One line "KEY: problem" per finding ("KEY: notice: ..." for a notice),
+  followed by "  fix: COMMAND" where there is one, then a summary line.
+  With --json one document (docs/json-schema.md): {"schema": 1, "source":
+  ..., "keys": N, "findings": [{"key": ..., "problem": ..., "severity":
+  "error"|"notice", "keys": [...], "fix": ...}]}.
 
 EXIT STATUS
-  0 no findings, 3 registry failure, 5 findings, 10 FILE unreadable or
-  malformed (docs/exit-codes.md).)");
+  0 no findings (notices alone included), 3 registry failure, 5 findings,
+  10 FILE unreadable or malformed (docs/exit-codes.md).)");
   out.push_back({check, [] { return do_check(file, json); }});
 }
 

@@ -6,7 +6,7 @@
 #include "command.h"
 #include "hvs/backend.h"
 #include "hvsadm.h"
-#include "registry_file.h"
+#include "hvs/registry_file.h"
 
 namespace hvsctl {
 namespace {

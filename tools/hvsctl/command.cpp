@@ -5,6 +5,7 @@
 #include <cstdio>
 #include <cstring>
 #include <fstream>
+#include <iostream>
 #include <sstream>
 #include <fcntl.h>
 #include <sys/stat.h>
@@ -15,7 +16,7 @@
 
 #include "hvs/backend.h"
 #include "hvsadm.h"
-#include "registry_file.h"
+#include "hvs/registry_file.h"
 
 namespace hvsctl {
 
@@ -162,6 +163,12 @@ int load_live(Client &client, const std::string &root, Tree &out) {
 }
 
 bool read_text(const std::string &path, std::string &text) {
+  if (path == "-") {
+    std::ostringstream s;
+    s << std::cin.rdbuf();
+    text = s.str();
+    return !std::cin.bad();
+  }
   std::ifstream in(path, std::ios::binary);
   if (!in)
     return false;
@@ -173,8 +180,9 @@ bool read_text(const std::string &path, std::string &text) {
 
 int load_file(const std::string &path, Tree &out, std::string *meta) {
   std::string text;
+  const std::string label = path == "-" ? kStdinLabel : path;
   if (!read_text(path, text)) {
-    fmt::print(stderr, "hvsctl: cannot read {}: {}\n", path,
+    fmt::print(stderr, "hvsctl: cannot read {}: {}\n", label,
                std::strerror(errno));
     return kInput;
   }
@@ -182,7 +190,7 @@ int load_file(const std::string &path, Tree &out, std::string *meta) {
     meta->clear();
   std::vector<FileKey> keys;
   std::string error, backup;
-  if (!parse_registry_file(path, text, keys, error, &backup)) {
+  if (!parse_registry_file(label, text, keys, error, &backup)) {
     fmt::print(stderr, "{}\n", error);
     return kInput;
   }
@@ -197,6 +205,13 @@ int load_file(const std::string &path, Tree &out, std::string *meta) {
 
 int write_atomically(const std::string &path, const std::string &text,
                      const std::string &like) {
+  if (path == "-") {
+    std::fwrite(text.data(), 1, text.size(), stdout);
+    if (std::fflush(stdout) == 0 && !std::ferror(stdout))
+      return kOk;
+    fmt::print(stderr, "hvsctl: cannot write to standard output: {}\n", std::strerror(errno));
+    return kInput;
+  }
   // Whose the file is and its mode: those of like, with nothing for others.
   mode_t mode = 0600;
   uid_t uid = uid_t(-1);

@@ -12,12 +12,31 @@
 #include <CLI/CLI.hpp>
 
 #include "../common/exit_codes.h"
+#include "hvs/registry_file.h"
 
 namespace hvsctl {
 
 // Exit codes: the table both tools share (docs/exit-codes.md).
 using tools::Exit;
 using enum tools::Exit;
+
+// The registry file format is the registry client's (hvs/registry_file.h).
+using hvs::backup_count_mismatch;
+using hvs::display_value;
+using hvs::FileKey;
+using hvs::key_line;
+using hvs::kBackupFormatName;
+using hvs::kFormatName;
+using hvs::kFormatVersion;
+using hvs::parse_registry_file;
+
+// Every JSON document that hvsctl prints carries this number as its
+// "schema" member; a change of any document's shape raises it
+// (docs/json-schema.md).
+inline constexpr int kJsonSchema = 1;
+
+// What standard input ("-" in place of a file) is called in messages.
+inline constexpr const char *kStdinLabel = "(stdin)";
 
 // A command family adds its subcommands to the application and returns, for
 // each, what to run when that subcommand was chosen. The runner is called
@@ -87,16 +106,18 @@ using Tree = std::vector<Entry>; // parents before their children
 // The whole live registry (or the subtree under root). Returns an exit code.
 int load_live(Client &client, const std::string &root, Tree &out);
 
-// A registry file (export) or a backup file; meta receives the backup's
+// A registry file (export) or a backup file, "-" for standard input; meta
+// receives the backup's
 // "backup" object as JSON text ("" for a plain export). Returns an exit code
 // after printing the problem as FILE:LINE: problem.
 int load_file(const std::string &path, Tree &out, std::string *meta = nullptr);
 
-// The text of a file; false with errno set when it cannot be read.
+// The text of a file, "-" for standard input; false with errno set when it
+// cannot be read.
 bool read_text(const std::string &path, std::string &text);
 
 // Writes text to path through a temporary file and a rename, so a reader
-// never sees half a file. The file gets the owner's group of like (a
+// never sees half a file; "-" writes it to standard output. The file gets the owner's group of like (a
 // registry file; "" for this user's) and its mode less anything for others,
 // 0600 without like, whatever the umask. Returns an exit code after
 // printing the problem.

@@ -24,7 +24,7 @@
 #include "../common/cli_docs.h"
 #include "command.h"
 #include "hvs_location.h"
-#include "registry_file.h"
+#include "hvs/registry_file.h"
 #include "rsmgr.h"
 #include "trc.h"
 #include "util/keypath.h"
@@ -41,9 +41,10 @@ constexpr int kExitResources = hvsctl::kResources;
 int import_keys(const std::string &file, const std::vector<hvsctl::FileKey> &keys,
                 bool replace);
 
-int do_import(const std::string &file, bool replace) {
+int do_import(const std::string &path, bool replace) {
+  const std::string file = path == "-" ? hvsctl::kStdinLabel : path;
   std::string text;
-  if (!hvsctl::read_text(file, text)) {
+  if (!hvsctl::read_text(path, text)) {
     fmt::print(stderr, "hvsctl: cannot read {}: {}\n", file,
                std::strerror(errno));
     return kExitInput;
@@ -258,7 +259,8 @@ int main(int argc, char **argv) {
   app.fallthrough();
   std::string registry;
   app.add_option("--registry", registry,
-                 "registry location (sqlite:PATH, mem:NAME, zk://...); "
+                 "registry location (sqlite:PATH, mem:NAME, zk://..., or file:PATH "
+                 "for a saved export or backup, read-only); "
                  "overrides HVS_REGISTRY");
   app.set_version_flag("--version", [&registry] {
     return "hvsctl " HVSCTL_VERSION "\nregistry: " +
@@ -268,7 +270,7 @@ int main(int argc, char **argv) {
   bool replace = false;
   std::string import_file;
   auto *imp = app.add_subcommand("import", "load keys from a registry file");
-  imp->add_option("FILE", import_file, "registry file (JSON)")->required();
+  imp->add_option("FILE", import_file, "registry file (JSON), - for standard input")->required();
   imp->add_flag("--replace", replace,
                 "empty the registry first, in the same transaction");
   bool force = false;
@@ -279,7 +281,7 @@ int main(int argc, char **argv) {
   std::string export_key, export_out;
   auto *exp = app.add_subcommand("export", "write keys as a registry file");
   exp->add_option("KEY", export_key, "subtree to export (default: all)");
-  exp->add_option("-o,--output", export_out, "output file (default: stdout)");
+  exp->add_option("-o,--output", export_out, "output file (default, or -: standard output)");
 
   std::string dump_key;
   auto *dump = app.add_subcommand("dump", "print the key tree");

@@ -52,6 +52,8 @@ std::unique_ptr<Backend> open_backend(const Location &loc, bool create,
     return open_memory(loc, create, st);
   case Engine::ZooKeeper:
     return open_zookeeper(loc, create, st);
+  case Engine::File:
+    return open_file(loc, create, st);
   case Engine::Invalid:
     break;
   }

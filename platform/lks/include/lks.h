@@ -5,7 +5,8 @@
  * granted or until LKS_TIMEOUT_MS (environment, default 20000) has passed,
  * then fails with the reason in the lks_status. A holder that dies releases
  * its locks. The locks follow HVS_REGISTRY: file locks beside an SQLite
- * registry, ZooKeeper locks on an ensemble.
+ * registry, ZooKeeper locks on an ensemble, and locks inside the process
+ * only for a saved registry file (file:), which no other process writes.
  */
 #ifndef LKS_H
 #define LKS_H

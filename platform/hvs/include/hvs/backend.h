@@ -197,6 +197,9 @@ std::unique_ptr<Backend> open_memory(const Location &loc, bool create,
                                      Status &st);
 std::unique_ptr<Backend> open_zookeeper(const Location &loc, bool create,
                                         Status &st);
+/* file:PATH, read-only: create is ignored, the file must exist. */
+std::unique_ptr<Backend> open_file(const Location &loc, bool create,
+                                   Status &st);
 
 /* A creating open lays a registry out only where nothing else is: an SQLite
  * file with tables that are not the registry's, or a ZooKeeper root with

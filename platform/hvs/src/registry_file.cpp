@@ -1,6 +1,8 @@
-#include "registry_file.h"
+// The registry file format: the parser and the writer's forms.
+#include "hvs/registry_file.h"
 
 #include <algorithm>
+#include <cstdint>
 #include <map>
 #include <set>
 
@@ -8,13 +10,60 @@
 #include <nlohmann/json.hpp>
 
 #include "hvs/backend.h"
-#include "../common/json_text.h"
 
-namespace hvsctl {
+namespace hvs {
 
 using nlohmann::json;
 
-bool valid_utf8(std::string_view s) { return tools::valid_utf8(s); }
+bool valid_utf8(std::string_view s) noexcept {
+  std::size_t i = 0;
+  while (i < s.size()) {
+    auto c = static_cast<unsigned char>(s[i]);
+    std::size_t n;
+    uint32_t cp;
+    if (c < 0x80) {
+      ++i;
+      continue;
+    } else if ((c & 0xe0) == 0xc0) {
+      n = 1;
+      cp = c & 0x1f;
+    } else if ((c & 0xf0) == 0xe0) {
+      n = 2;
+      cp = c & 0x0f;
+    } else if ((c & 0xf8) == 0xf0) {
+      n = 3;
+      cp = c & 0x07;
+    } else {
+      return false;
+    }
+    if (i + n >= s.size()) // truncated sequence
+      return false;
+    for (std::size_t k = 1; k <= n; ++k) {
+      auto d = static_cast<unsigned char>(s[i + k]);
+      if ((d & 0xc0) != 0x80)
+        return false;
+      cp = (cp << 6) | (d & 0x3f);
+    }
+    // No overlong forms, no surrogates, nothing above U+10FFFF.
+    static constexpr uint32_t kMin[] = {0, 0x80, 0x800, 0x10000};
+    if (cp < kMin[n] || cp > 0x10ffff || (cp >= 0xd800 && cp <= 0xdfff))
+      return false;
+    i += n + 1;
+  }
+  return true;
+}
+
+std::string to_hex(std::string_view bytes) {
+  static constexpr char kDigits[] = "0123456789abcdef";
+  std::string out;
+  out.reserve(bytes.size() * 2);
+  for (char c : bytes) {
+    auto b = static_cast<unsigned char>(c);
+    out += kDigits[b >> 4];
+    out += kDigits[b & 15];
+  }
+  return out;
+}
 
 size_t line_of(std::string_view text, size_t offset) {
   offset = std::min(offset, text.size());
@@ -42,8 +91,6 @@ bool split_multi(std::string_view bytes, std::vector<std::string_view> &out) {
   }
   return !out.empty();
 }
-
-using tools::to_hex;
 
 bool from_hex(std::string_view hex, std::string &out) {
   auto digit = [](char c) -> int {
@@ -446,4 +493,4 @@ bool parse_registry_file(const std::string &file, const std::string &text,
   return true;
 }
 
-} // namespace hvsctl
+} // namespace hvs

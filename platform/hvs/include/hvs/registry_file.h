@@ -1,14 +1,17 @@
-// The registry file format of hvsctl (docs/registry-format.md): reading a
-// file into a checked list of keys, and writing keys and values back.
-#ifndef HVSCTL_REGISTRY_FILE_H
-#define HVSCTL_REGISTRY_FILE_H
+/* hvs/registry_file.h - the registry file format (docs/registry-format.md):
+ * reading an export or backup file into a checked list of keys, and writing
+ * keys and values back. One parser for everything that reads such a file:
+ * hvsctl import, restore, diff and check, and the read-only file: engine.
+ */
+#ifndef HVS_REGISTRY_FILE_H
+#define HVS_REGISTRY_FILE_H
 
 #include <cstddef>
 #include <string>
 #include <string_view>
 #include <vector>
 
-namespace hvsctl {
+namespace hvs {
 
 inline constexpr const char *kFormatName = "hvs-registry";
 inline constexpr const char *kBackupFormatName = "hvs-backup";
@@ -47,11 +50,14 @@ std::string key_line(std::string_view name, bool has_value,
 // A value for people: "text", ["a", "b"], hex:0a0b or (empty).
 std::string display_value(std::string_view bytes);
 
-bool valid_utf8(std::string_view s);
+bool valid_utf8(std::string_view s) noexcept;
+
+// Lower-case hex digits of bytes.
+std::string to_hex(std::string_view bytes);
 
 // The 1-based line of a byte offset in text.
 std::size_t line_of(std::string_view text, std::size_t offset);
 
-} // namespace hvsctl
+} // namespace hvs
 
 #endif
