@@ -3,6 +3,7 @@
 #include <cstdlib>
 #include <iostream>
 
+#include "../common/cli_docs.h"
 #include "prsrctl.h"
 #include "trc.h"
 
@@ -36,6 +37,8 @@ int main(int argc, char **argv) {
 
   for (Registrar r : families())
     r(app, g, exit_code);
+  if (int rc = tools::print_docs(app, "prsrctl", PRSR_TOOLS_VERSION, argc, argv); rc >= 0)
+    return rc;
 
   /* Name an unknown command rather than only asking for one. */
   for (int i = 1; i < argc; ++i) {
