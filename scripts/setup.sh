@@ -1,14 +1,15 @@
 #!/usr/bin/env bash
 # Installs what the project needs on a Debian machine: to build it, and
-# unless --build-only is given, to test it (GoogleTest, Google Benchmark and
-# a ZooKeeper server).
+# unless --build-only is given, to test it (GoogleTest, Google Benchmark, a
+# ZooKeeper server, and dpkg-dev and file for the Debian packages' system
+# dependencies).
 set -euo pipefail
 PKGS=(build-essential cmake pkg-config git
       libsqlite3-dev sqlite3
       nlohmann-json3-dev libcli11-dev libfmt-dev
       libzookeeper-mt-dev)
 if [ "${1:-}" != "--build-only" ]; then
-  PKGS+=(libgtest-dev libgmock-dev libbenchmark-dev zookeeper)
+  PKGS+=(libgtest-dev libgmock-dev libbenchmark-dev zookeeper dpkg-dev file)
 fi
 SUDO=""
 if [ "$(id -u)" -ne 0 ] && command -v sudo >/dev/null; then SUDO=sudo; fi

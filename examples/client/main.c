@@ -9,7 +9,7 @@
 #include <stdio.h>
 #include <string.h>
 
-#include <prsr.h>
+#include <prsr/prsr.h>
 
 static int show_enabled(lks_status *status, prsr_ctx *ctx, const char *name) {
   uint32_t enabled = 0;

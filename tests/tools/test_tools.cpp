@@ -24,7 +24,6 @@
 #include <nlohmann/json.hpp>
 #include <sqlite3.h>
 
-#include "hvs/backend.h"
 #include "hvsadm.h"
 #include "lks.h"
 #include "testkit.h"
@@ -171,16 +170,15 @@ TEST_F(Hvsctl, ImportMakesARegistryOnlyWhereNothingElseIs) {
 
   // What a creating open makes is known before and taken away after.
   {
-    hvs::Location loc = hvs::parse_location("sqlite:" + file("x/y/r.db"));
-    std::string part;
-    ASSERT_TRUE(hvs::missing_part(loc, part).ok());
+    testkit::RegistryEnv env("sqlite:" + file("x/y/r.db"));
+    char part[4096] = "", msg[256] = "";
+    ASSERT_EQ(HVS_OK, hvsadm_missing_part(part, sizeof part, msg, sizeof msg)) << msg;
     EXPECT_EQ(file("x"), part);
-    testkit::RegistryEnv env(loc.text);
     void *h = nullptr;
     uint64_t len = 0;
     ASSERT_EQ(HVS_OK, hvsadm_open(&h, 1, nullptr, &len));
     hvsapi_terminate(h);
-    ASSERT_TRUE(hvs::remove_created(loc, part).ok());
+    ASSERT_EQ(HVS_OK, hvsadm_remove_created(part, msg, sizeof msg)) << msg;
     EXPECT_FALSE(fs::exists(file("x")));
   }
 
@@ -223,11 +221,15 @@ TEST_F(Hvsctl, ImportOnZooKeeperMakesARegistryOnlyWhereNothingElseIs) {
   // The whole import is over the request size limit and fails at commit.
   Result failed = import(base + "/n/m", SAMPLE_CLUSTER, "HVS_ZK_MAX_PACKET=4096 ");
   EXPECT_EQ(3, failed.status) << failed.err;
-  std::string part;
-  ASSERT_TRUE(hvs::missing_part(hvs::parse_location(base + "/n"), part).ok());
-  EXPECT_EQ(top + "/n", part) << "nothing is left of the new root";
+  char part[4096] = "", msg[256] = "";
+  {
+    testkit::RegistryEnv env(base + "/n");
+    ASSERT_EQ(HVS_OK, hvsadm_missing_part(part, sizeof part, msg, sizeof msg)) << msg;
+  }
+  EXPECT_EQ(top + "/n", std::string(part)) << "nothing is left of the new root";
 
-  ASSERT_TRUE(hvs::remove_created(hvs::parse_location(base), top).ok());
+  testkit::RegistryEnv env(base);
+  ASSERT_EQ(HVS_OK, hvsadm_remove_created(top.c_str(), msg, sizeof msg)) << msg;
 }
 
 } // namespace

@@ -68,19 +68,18 @@ bool Client::open(bool create) {
 }
 
 int creating(const std::function<int()> &command) {
-  hvs::Location loc = hvs::resolve_location();
-  std::string made;
-  if (hvs::Status st = hvs::missing_part(loc, made); !st.ok()) {
-    fmt::print(stderr, "hvsctl: cannot look at the registry location: {}\n",
-               st.message);
+  char made[4096] = "";
+  char msg[1024] = "";
+  if (hvsadm_missing_part(made, sizeof made, msg, sizeof msg) != HVS_OK) {
+    fmt::print(stderr, "hvsctl: cannot look at the registry location: {}\n", msg);
     return kRegistry;
   }
   int rc = command();
-  if (rc != kOk && !made.empty())
-    if (hvs::Status st = hvs::remove_created(loc, made); !st.ok())
+  if (rc != kOk && made[0] != '\0')
+    if (hvsadm_remove_created(made, msg, sizeof msg) != HVS_OK)
       fmt::print(stderr, "hvsctl: the registry made at {} could not be removed "
                          "again: {}\n",
-                 loc.text, st.message);
+                 hvs::resolve_location().text, msg);
   return rc;
 }
 

@@ -21,6 +21,7 @@
 #include "hvs/backend.h"
 #include "hvsadm.h"
 #include "mp.h"
+#include "../common/cli_docs.h"
 #include "command.h"
 #include "hvs_location.h"
 #include "hvs/registry_file.h"
@@ -303,6 +304,8 @@ int main(int argc, char **argv) {
 
   // The other commands register themselves from their own files.
   hvsctl::add_families(app);
+  if (int rc = tools::print_docs(app, "hvsctl", HVSCTL_VERSION, argc, argv); rc >= 0)
+    return rc;
 
   try {
     app.parse(argc, argv);
@@ -315,7 +318,7 @@ int main(int argc, char **argv) {
   if (int rc = hvsctl::run_chosen(); rc >= 0)
     return rc;
   if (*imp) {
-    hvs::allow_foreign_location(force);
+    hvsadm_allow_foreign(force);
     return do_import(import_file, replace);
   }
   if (*exp)

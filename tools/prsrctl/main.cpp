@@ -7,6 +7,7 @@
 #include <fmt/format.h>
 
 #include "hvsadm.h"
+#include "../common/cli_docs.h"
 #include "prsrctl.h"
 #include "trc.h"
 
@@ -123,6 +124,8 @@ int main(int argc, char **argv) {
 
   for (Registrar r : families())
     r(app, g, exit_code);
+  if (int rc = tools::print_docs(app, "prsrctl", PRSR_TOOLS_VERSION, argc, argv); rc >= 0)
+    return rc;
 
   /* explain COMMAND: the command runs dry, recorded. */
   std::vector<char *> args(argv, argv + argc);

@@ -100,6 +100,23 @@ typedef struct hvsadm_call {
 typedef void (*hvsadm_record_fn)(void *arg, const hvsadm_call *call);
 int32_t hvsadm_record(hvsadm_record_fn fn, void *arg, int32_t flags);
 
+/* For the commands that create a registry (hvsctl import, restore), on the
+ * location HVS_REGISTRY names.
+ * allow_foreign: a creating open takes over a location that holds something
+ * other than a registry only once the process allowed it (hvsctl import
+ * --force); off by default.
+ * missing_part: what a creating open would make, found before it: the
+ * outermost part of the location that does not exist yet (the first
+ * missing directory of an SQLite path, or the file itself; the first
+ * missing znode on the way to a ZooKeeper root), in part (capacity
+ * part_cap); empty when the registry exists already, and for mem:.
+ * remove_created: takes away what a creating open made where missing_part
+ * gave part (with no handle open on the location).
+ * On failure msg (capacity msg_cap) tells the cause. */
+void hvsadm_allow_foreign(int allow);
+int32_t hvsadm_missing_part(char *part, size_t part_cap, char *msg, size_t msg_cap);
+int32_t hvsadm_remove_created(const char *part, char *msg, size_t msg_cap);
+
 #ifdef __cplusplus
 }
 #endif

@@ -1,40 +1,10 @@
-// Engine-independent parts: key names, the default walk, engine choice.
+// Engine-independent parts: the default walk, engine choice (the key-name
+// helpers are in key_names.cpp).
 #include "hvs/backend.h"
 
 #include <atomic>
 
 namespace hvs {
-
-const char *key_name_problem(std::string_view name) noexcept {
-  if (name.empty())
-    return "empty key name";
-  if (name.front() == '.')
-    return "leading dot";
-  if (name.back() == '.')
-    return "trailing dot";
-  std::size_t run = 0;
-  for (char c : name) {
-    if (c == '.') {
-      if (run == 0)
-        return "empty component";
-      run = 0;
-    } else if (++run > kMaxComponent) {
-      return "component longer than 255 bytes";
-    }
-  }
-  return nullptr;
-}
-
-std::string_view parent_of(std::string_view name) noexcept {
-  auto dot = name.rfind('.');
-  return dot == std::string_view::npos ? std::string_view{}
-                                       : name.substr(0, dot);
-}
-
-std::string_view last_component(std::string_view name) noexcept {
-  auto dot = name.rfind('.');
-  return dot == std::string_view::npos ? name : name.substr(dot + 1);
-}
 
 namespace {
 
