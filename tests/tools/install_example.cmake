@@ -117,7 +117,7 @@ run(bash -c "source ${completions}/hvsctl && source ${completions}/prsrctl || ex
   _hvsctl && echo \"\${COMPREPLY[*]}\"
   COMP_WORDS=(prsrctl config database --) COMP_CWORD=3
   _prsrctl && echo \"\${COMPREPLY[*]}\"")
-if(NOT LAST_OUTPUT MATCHES "^import\n--db --help --json --verbose --registry --version\n$")
+if(NOT LAST_OUTPUT MATCHES "^import\n--db( [a-z-]+)* --json( [a-z-]+)* --registry( [a-z-]+)*\n$")
   message(FATAL_ERROR "bash completions: ${LAST_OUTPUT}")
 endif()
 run(${prefix}/bin/hvsctl import ${SOURCE_DIR}/examples/sample-cluster.json)
