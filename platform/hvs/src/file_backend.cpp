@@ -7,47 +7,25 @@
 #include <cerrno>
 #include <cstring>
 #include <fstream>
-#include <map>
-#include <set>
 #include <sstream>
 
 #include "hvs/backend.h"
 #include "hvs/registry_file.h"
+#include "node_tree.h"
 
 namespace hvs {
 namespace {
 
-struct Node {
-  bool has_value = false;
-  uint32_t type = HVS_TYPE_BINARY;
-  std::string value;
-  std::set<std::string> kids; // std::string orders bytes like memcmp
-};
-
 class FileBackend final : public Backend {
 public:
-  FileBackend(std::map<std::string, Node, std::less<>> nodes, std::string loc)
+  FileBackend(Nodes nodes, std::string loc)
       : nodes_(std::move(nodes)), loc_(std::move(loc)) {}
 
   Status open_key(std::string_view name, KeyData &out) override {
-    auto it = nodes_.find(name);
-    if (it == nodes_.end())
-      return Status::failure(HVS_ERR_NO_KEY,
-                             loc_ + ": key " + std::string(name) + " does not exist");
-    out.id = 0;
-    out.path.assign(name);
-    out.has_value = it->second.has_value;
-    out.type = it->second.type;
-    out.value = it->second.value;
-    return {};
+    return open_node(nodes_, loc_, name, out);
   }
-
   Status children(const KeyData &key, std::vector<std::string> &out) override {
-    auto it = nodes_.find(key.path);
-    if (it == nodes_.end())
-      return Status::failure(HVS_ERR_NO_KEY, loc_ + ": key " + key.path + " does not exist");
-    out.assign(it->second.kids.begin(), it->second.kids.end());
-    return {};
+    return node_children(nodes_, loc_, key.path, out);
   }
 
   Status set_value(const KeyData &, uint32_t, std::string_view) override { return refused(); }
@@ -80,7 +58,7 @@ private:
                                   "changed (restore it into a registry to change it)");
   }
 
-  std::map<std::string, Node, std::less<>> nodes_;
+  Nodes nodes_;
   std::string loc_;
 };
 
@@ -111,7 +89,7 @@ std::unique_ptr<Backend> open_file(const Location &loc, bool /*create*/, Status 
                              ": the file is incomplete or was edited");
     return nullptr;
   }
-  std::map<std::string, Node, std::less<>> nodes{{std::string(), Node{}}};
+  Nodes nodes{{std::string(), Node{}}};
   for (FileKey &k : keys) {
     auto parent = nodes.find(parent_of(k.name));
     if (parent == nodes.end()) {

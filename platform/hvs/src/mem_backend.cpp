@@ -6,21 +6,12 @@
 #include <map>
 #include <mutex>
 #include <optional>
-#include <set>
 
 #include "hvs/backend.h"
+#include "node_tree.h"
 
 namespace hvs {
 namespace {
-
-struct Node {
-  bool has_value = false;
-  uint32_t type = HVS_TYPE_BINARY;
-  std::string value;
-  std::set<std::string> kids; // std::string orders bytes like memcmp
-};
-
-using Nodes = std::map<std::string, Node, std::less<>>;
 
 struct Store {
   std::mutex mu;
@@ -43,15 +34,7 @@ public:
 
   Status open_key(std::string_view name, KeyData &out) override {
     std::lock_guard lock(store_->mu);
-    auto it = store_->nodes.find(name);
-    if (it == store_->nodes.end())
-      return no_key(name);
-    out.id = 0;
-    out.path.assign(name);
-    out.has_value = it->second.has_value;
-    out.type = it->second.type;
-    out.value = it->second.value;
-    return {};
+    return open_node(store_->nodes, loc_, name, out);
   }
 
   Status get_property(std::string_view name, std::string &out) override {
@@ -81,11 +64,7 @@ public:
   Status children(const KeyData &key,
                   std::vector<std::string> &out) override {
     std::lock_guard lock(store_->mu);
-    auto it = store_->nodes.find(key.path);
-    if (it == store_->nodes.end())
-      return no_key(key.path);
-    out.assign(it->second.kids.begin(), it->second.kids.end());
-    return {};
+    return node_children(store_->nodes, loc_, key.path, out);
   }
 
   Status create_key(std::string_view name, bool has_value, uint32_t type,
@@ -118,7 +97,7 @@ public:
     std::lock_guard lock(store_->mu);
     auto it = store_->nodes.find(name);
     if (it == store_->nodes.end() || name.empty())
-      return no_key(name);
+      return no_such_key(loc_, name);
     it->second.has_value = has_value;
     it->second.type = has_value ? type : HVS_TYPE_BINARY;
     it->second.value.assign(has_value ? bytes : std::string_view{});
@@ -131,7 +110,7 @@ public:
     auto &nodes = store_->nodes;
     auto it = nodes.find(name);
     if (it == nodes.end())
-      return no_key(name);
+      return no_such_key(loc_, name);
     if (!it->second.kids.empty() && !recursive)
       return Status::failure(HVS_ERR_NOT_EMPTY, loc_ + ": key " +
                                                     std::string(name) +
@@ -191,11 +170,6 @@ public:
   }
 
 private:
-  Status no_key(std::string_view name) const {
-    return Status::failure(HVS_ERR_NO_KEY, loc_ + ": key " +
-                                               std::string(name) +
-                                               " does not exist");
-  }
 
   void erase_subtree(const std::string &name) {
     auto it = store_->nodes.find(name);
