@@ -31,11 +31,13 @@ s.close()
 EOF
 }
 
-# "imok" to "ruok" means the server runs; the srvr answer must also show a
-# serving mode, as a standalone server answers ruok before it loads its data.
+# The srvr answer must show a serving mode, as a standalone server accepts
+# connections before it loads its data. Each probe is bounded: a command
+# that reaches the server while it is still loading is never answered and
+# its connection never closed (the server logs a NullPointerException).
 answers() {
   local port=$1 reply
-  reply=$(exec 2>/dev/null 3<>"/dev/tcp/127.0.0.1/$port" && printf srvr >&3 && cat <&3) || return 1
+  reply=$(timeout 3 bash -c 'exec 2>/dev/null 3<>"/dev/tcp/127.0.0.1/$1" && printf srvr >&3 && cat <&3' _ "$port") || return 1
   [[ $reply == *"Mode: standalone"* || $reply == *"Mode: leader"* || $reply == *"Mode: follower"* ]]
 }
 
