@@ -1,74 +1,45 @@
 // The registry client contract, run against every engine.
-#include <gtest/gtest.h>
-
-#include <atomic>
-#include <cstring>
-#include <fstream>
-#include <string>
+#include <algorithm>
 #include <thread>
-#include <vector>
 
-#include "hvsadm.h"
 #include "testkit.h"
 
 namespace {
 
 using testkit::last_error;
-using testkit::RegistryEnv;
-using testkit::TempDir;
 
-struct Walked {
-  std::string name;
-  bool has_value;
-  std::string value;
-};
+// The keys of a walk, each with whether it has a value.
+using Walk = std::vector<std::pair<std::string, bool>>;
 
 class Contract : public ::testing::TestWithParam<std::string> {
 protected:
   void SetUp() override {
-    static std::atomic<int> counter{0};
-    if (GetParam() == "zk") {
-      // A fresh root on the test ensemble for every test.
-      const char *zk = std::getenv("HVS_TEST_ZK");
-      if (zk == nullptr || *zk == '\0')
-        GTEST_SKIP() << "HVS_TEST_ZK is not set (scripts/zk.sh start)";
-      loc_ = std::string("zk://") + zk + "/prsr-test/contract-" +
-             std::to_string(::getpid()) + "-" + std::to_string(++counter);
-    } else {
-      loc_ = GetParam() == "sqlite"
-                 ? "sqlite:" + dir_.path("registry.db")
-                 : "mem:contract-" + std::to_string(::getpid()) + "-" +
-                       std::to_string(++counter);
-    }
-    env_ = std::make_unique<RegistryEnv>(loc_);
-    ASSERT_EQ(HVS_OK, hvsadm_open(&adm_, 1, nullptr, nullptr));
-    char msg[256] = "";
-    uint64_t len = sizeof msg;
-    ASSERT_EQ(HVS_OK, hvsapi_init_ext(&h_, 3, msg, &len, 0)) << msg;
+    static int counter = 0;
+    if (GetParam() == "zk")
+      ZK_REQUIRED();
+    reg_.emplace(GetParam() == "zk"    ? testkit::fresh_location("contract")
+                 : GetParam() == "mem" ? "mem:contract-" + std::to_string(::getpid()) + "-" +
+                                             std::to_string(++counter)
+                                       : "");
+    loc_ = reg_->location();
+    ASSERT_EQ(HVS_OK, hvsadm_open(&adm_, 0, nullptr, nullptr)) << loc_;
+    ASSERT_EQ(HVS_OK, hvsapi_init_ext(&h_, 3, nullptr, nullptr, 0)) << loc_;
   }
   void TearDown() override {
-    if (h_ != nullptr)
-      hvsapi_terminate(h_);
-    if (adm_ != nullptr) {
-      if (GetParam() == "zk") // the ensemble outlives the test
-        hvsadm_delete_key(adm_, "", 1);
-      hvsapi_terminate(adm_);
-    }
+    for (void *h : {h_, adm_})
+      if (h != nullptr)
+        hvsapi_terminate(h);
   }
 
-  void create(const std::string &name) {
-    ASSERT_EQ(HVS_OK, hvsadm_create_key(adm_, name.c_str(), 0, nullptr, 0))
-        << name << ": " << last_error(adm_);
-  }
-  void create(const std::string &name, const std::string &value) {
-    ASSERT_EQ(HVS_OK, hvsadm_create_key(adm_, name.c_str(), 1, value.data(),
-                                        uint32_t(value.size())))
-        << name << ": " << last_error(adm_);
+  // Creates a key through the admin handle (with a value, unless none).
+  int32_t make(const std::string &name, const std::optional<std::string> &value = {}) {
+    return hvsadm_create_key(adm_, name.c_str(), value.has_value(), value ? value->data() : nullptr,
+                             value ? uint32_t(value->size()) : 0);
   }
   void *open(const std::string &name, void *h = nullptr) {
     void *key = nullptr;
-    EXPECT_EQ(HVS_OK, hvsapi_open_key(h ? h : h_, &key, name.c_str()))
-        << name << ": " << last_error(h ? h : h_);
+    h = h ? h : h_;
+    EXPECT_EQ(HVS_OK, hvsapi_open_key(h, &key, name.c_str())) << name << ": " << last_error(h);
     return key;
   }
   std::string read(const std::string &name, void *h = nullptr) {
@@ -76,110 +47,96 @@ protected:
     void *key = open(name, h);
     char buf[4096];
     uint32_t len = sizeof buf, type = 0;
-    EXPECT_EQ(HVS_OK, hvsapi_get_value(h, key, &type, buf, &len));
+    EXPECT_EQ(HVS_OK, hvsapi_get_value(h, key, &type, buf, &len)) << name;
     hvsapi_close_key(h, key);
     return std::string(buf, len);
   }
-  std::vector<Walked> walk(const char *root = "") {
-    std::vector<Walked> out;
-    auto cb = [](void *arg, const char *name, const void *value, uint32_t len,
-                 int has_value) {
-      static_cast<std::vector<Walked> *>(arg)->push_back(
-          {name, has_value != 0,
-           has_value ? std::string(static_cast<const char *>(value), len)
-                     : std::string()});
+  Walk walk(const char *root = "") {
+    Walk out;
+    auto cb = [](void *arg, const char *name, const void *, uint32_t, int has_value) {
+      static_cast<Walk *>(arg)->emplace_back(name, has_value != 0);
       return 0;
     };
     EXPECT_EQ(HVS_OK, hvsadm_walk(adm_, root, cb, &out)) << last_error(adm_);
     return out;
   }
 
-  TempDir dir_;
+  std::optional<testkit::Registry> reg_;
   std::string loc_;
-  std::unique_ptr<RegistryEnv> env_;
   void *adm_ = nullptr;
   void *h_ = nullptr;
 };
 
-TEST_P(Contract, OpenReportsMissingKeysAndRejectsBadNames) {
-  create("DATABASE");
-  create("DATABASE.DATABASES");
+// Missing keys, malformed names, null and foreign handles: each refused
+// with its own code and no key handle given out; the last failure's text,
+// kept per handle and per thread, names the key and the location.
+TEST_P(Contract, BadNamesAndHandlesAreRefusedAndTold) {
+  reg_->text("DATABASE.DATABASES", "v");
   struct Case {
     const char *name;
     int32_t code;
   } cases[] = {
-      {"DATABASE.DATABASES", HVS_OK},
-      {"DATABASE.NOPE", HVS_ERR_NO_KEY},
-      {"DATABASE.DATABASES.sales", HVS_ERR_NO_KEY},
-      {"database", HVS_ERR_NO_KEY}, // names are case-sensitive
-      {"DATABASE..DATABASES", HVS_ERR_ARGUMENT},
-      {".DATABASE", HVS_ERR_ARGUMENT},
-      {"DATABASE.", HVS_ERR_ARGUMENT},
+      {"DATABASE.DATABASES", HVS_OK},           {"database", HVS_ERR_NO_KEY}, // case-sensitive
+      {"DATABASE..DATABASES", HVS_ERR_ARGUMENT}, {".DATABASE", HVS_ERR_ARGUMENT},
+      {"DATABASE.", HVS_ERR_ARGUMENT},           {"DATABASE.NOPE", HVS_ERR_NO_KEY},
   };
   for (const auto &c : cases) {
     void *key = reinterpret_cast<void *>(0x1);
     EXPECT_EQ(c.code, hvsapi_open_key(h_, &key, c.name)) << c.name;
     if (c.code == HVS_OK)
-      EXPECT_EQ(HVS_OK, hvsapi_close_key(h_, key));
+      hvsapi_close_key(h_, key);
     else
       EXPECT_EQ(nullptr, key) << c.name;
   }
-}
+  uint32_t code = 0;
+  std::string msg = last_error(h_, &code);
+  EXPECT_EQ(uint32_t(HVS_ERR_NO_KEY), code);
+  EXPECT_NE(std::string::npos, msg.find("DATABASE.NOPE")) << msg;
+  EXPECT_NE(std::string::npos, msg.find(loc_)) << msg;
+  EXPECT_EQ("", last_error(adm_, &code)); // the other handle has had no failure
+  char small[8];
+  std::memset(small, 'x', sizeof small);
+  uint32_t len = sizeof small, type = 0;
+  EXPECT_EQ(HVS_OK, hvsapi_get_last_error(h_, &code, small, &len));
+  EXPECT_EQ(msg.substr(0, 7) + '\0', std::string(small, 8)); // cut, and terminated
+  std::string other_thread = "unset";
+  std::thread([&] { other_thread = last_error(h_, &code); }).join();
+  EXPECT_EQ("", other_thread);
 
-TEST_P(Contract, NullAndForeignPointersAreArgumentErrors) {
-  create("K", "v");
-  void *key = open("K");
-  uint32_t type = 0, len = 8;
-  char buf[8];
-  void *other = nullptr;
-  EXPECT_EQ(HVS_ERR_ARGUMENT, hvsapi_open_key(nullptr, &other, "K"));
-  EXPECT_EQ(HVS_ERR_ARGUMENT, hvsapi_open_key(h_, &other, nullptr));
-  EXPECT_EQ(HVS_ERR_ARGUMENT, hvsapi_get_value(h_, key, &type, buf, nullptr));
+  void *key = open("DATABASE.DATABASES"), *other = nullptr;
+  EXPECT_EQ(HVS_ERR_ARGUMENT, hvsapi_open_key(nullptr, &other, "DATABASE"));
   EXPECT_EQ(HVS_ERR_ARGUMENT, hvsapi_set_value(h_, key, 3, nullptr, 4));
-  EXPECT_EQ(HVS_ERR_ARGUMENT, hvsapi_enum_subkey(h_, key, buf, &len, nullptr));
   // A key handle of one client is refused by another, and a handle is not
   // a key.
-  EXPECT_EQ(HVS_ERR_ARGUMENT, hvsapi_get_value(adm_, key, &type, buf, &len));
+  EXPECT_EQ(HVS_ERR_ARGUMENT, hvsapi_get_value(adm_, key, &type, small, &len));
   EXPECT_EQ(HVS_ERR_ARGUMENT, hvsapi_close_key(h_, h_));
-  EXPECT_EQ(HVS_ERR_ARGUMENT, hvsapi_terminate(nullptr));
   EXPECT_EQ(loc_, hvsapi_location(h_));
-  EXPECT_EQ(HVS_OK, hvsapi_close_key(h_, key));
+  hvsapi_close_key(h_, key);
 }
 
-TEST_P(Contract, ValuesReadBackExactlyWithSizeNegotiation) {
-  const std::string text("Sales\0", 6);
-  const std::string binary("\x00\x01\xff\x00z", 5);
-  create("A", text);
-  create("A.EMPTY", "");
-  create("A.NONE");
-  create("A.BIN", binary);
-
+// Values come back byte for byte, a short buffer learns the size needed,
+// and an empty value and none both read as length 0 but stay distinct.
+TEST_P(Contract, ValuesReadBackExactlyAndEmptyIsNotNone) {
+  const std::string text("Sales\0", 6), binary("\x00\x01\xff\x00z", 5);
+  reg_->raw("A", text);
+  reg_->raw("A.BIN", binary);
+  reg_->raw("A.EMPTY", "");
+  reg_->key("A.NONE");
   void *key = open("A");
   char buf[16];
   uint32_t type = 0, len = 5;
   EXPECT_EQ(HVS_ERR_SMALL_BUFFER, hvsapi_get_value(h_, key, &type, buf, &len));
-  EXPECT_EQ(6u, len); // the size needed
+  EXPECT_EQ(6u, len);
   EXPECT_EQ(HVS_OK, hvsapi_get_value(h_, key, &type, buf, &len));
   EXPECT_EQ(text, std::string(buf, len));
   EXPECT_EQ(uint32_t(HVS_TYPE_TEXT), type);
   hvsapi_close_key(h_, key);
-
   EXPECT_EQ(binary, read("A.BIN"));
-  // Empty and absent both read as length 0, but stay distinct.
   EXPECT_EQ("", read("A.EMPTY"));
   EXPECT_EQ("", read("A.NONE"));
-  void *empty = open("A.EMPTY");
-  len = 0;
-  EXPECT_EQ(HVS_OK, hvsapi_get_value(h_, empty, &type, nullptr, &len));
-  hvsapi_close_key(h_, empty);
-  auto all = walk("A");
-  ASSERT_EQ(4u, all.size());
-  EXPECT_EQ("A.EMPTY", all[2].name);
-  EXPECT_TRUE(all[2].has_value);
-  EXPECT_EQ("A.NONE", all[3].name);
-  EXPECT_FALSE(all[3].has_value);
+  EXPECT_EQ((Walk{{"A", true}, {"A.BIN", true}, {"A.EMPTY", true}, {"A.NONE", false}}), walk("A"));
 
-  // A write is seen by the writing key handle and by a later open.
+  // A write is seen by the writing key handle; an empty write leaves a value.
   key = open("A.NONE");
   EXPECT_EQ(HVS_OK, hvsapi_set_value(h_, key, HVS_TYPE_TEXT, "true", 5));
   len = sizeof buf;
@@ -188,206 +145,128 @@ TEST_P(Contract, ValuesReadBackExactlyWithSizeNegotiation) {
   EXPECT_EQ(HVS_OK, hvsapi_set_value(h_, key, HVS_TYPE_BINARY, nullptr, 0));
   hvsapi_close_key(h_, key);
   EXPECT_EQ("", read("A.NONE"));
-  EXPECT_TRUE(walk("A.NONE").at(0).has_value);
+  EXPECT_TRUE(walk("A.NONE").at(0).second);
 }
 
-TEST_P(Contract, EnumerationGivesByteOrderAndCounts) {
-  create("P");
-  // Byte order: '*' < '1' < 'A' < 'Z' < '_' < 'a' < 0xc3 < 0xff.
-  const std::vector<std::string> order = {"*x", "1", "A",        "Z",
-                                          "_",  "a", "\xc3\xa9", "\xff"};
-  for (auto it = order.rbegin(); it != order.rend(); ++it)
-    create("P." + *it);
-  create("P.a.child"); // grandchildren are not subkeys of P
+// Subkeys come in byte order with the count still to come, whatever bytes
+// their names hold: names ZooKeeper cannot take raw, and names an encoding
+// could confuse ("%41" and "A"), come back as they were. The walk goes
+// depth first: "P.a.child" before "P.a*", though "a*" < "a.".
+TEST_P(Contract, EnumerationAndWalkGoInByteOrderOfAnyNames) {
+  std::vector<std::string> names = {
+      "a/b", "/",  " lead and trail ", "%41", "A",        "%",    "%%",       "%4",
+      "*x",  "1",  "Z",                "_",   "a",        "a*",   "zookeeper", "-_",
+      "\xff", "\xff\xfe", "\xc3\xa9t\xc3\xa9", "tab\there", "x:y", std::string(255, '/')};
+  for (const auto &n : names)
+    reg_->raw("P." + n, "v:" + n);
+  reg_->key("P.a.child");
+  std::sort(names.begin(), names.end());
 
   void *key = open("P");
-  char name[64];
-  for (size_t i = 0; i < order.size(); ++i) {
-    uint32_t len = sizeof name;
-    int32_t remaining = -99;
-    ASSERT_EQ(HVS_OK, hvsapi_enum_subkey(h_, key, name, &len, &remaining));
-    EXPECT_EQ(order[i], std::string(name)) << i;
-    EXPECT_EQ(order[i].size(), len);
-    EXPECT_EQ(int32_t(order.size() - i - 1), remaining);
-  }
+  char name[300];
   uint32_t len = sizeof name;
   int32_t remaining = -99;
+  for (size_t i = 0; i < names.size(); ++i, len = sizeof name) {
+    if (i == 0) { // too small a buffer: the size needed, and the position does not move
+      len = 2;
+      ASSERT_EQ(HVS_ERR_SMALL_BUFFER, hvsapi_enum_subkey(h_, key, name, &len, &remaining));
+      EXPECT_EQ(names[0].size() + 1, len);
+    }
+    ASSERT_EQ(HVS_OK, hvsapi_enum_subkey(h_, key, name, &len, &remaining));
+    EXPECT_EQ(names[i], std::string(name)) << i;
+    EXPECT_EQ(names[i].size(), len);
+    EXPECT_EQ(int32_t(names.size() - i - 1), remaining);
+    EXPECT_EQ("v:" + names[i], read("P." + names[i]));
+  }
   EXPECT_EQ(HVS_ERR_NO_MORE, hvsapi_enum_subkey(h_, key, name, &len, &remaining));
   EXPECT_GE(remaining, 0);
   hvsapi_close_key(h_, key);
+  Walk depth_first = {{"P", false}};
+  for (const auto &n : names) {
+    depth_first.emplace_back("P." + n, true);
+    if (n == "a")
+      depth_first.emplace_back("P.a.child", false);
+  }
+  EXPECT_EQ(depth_first, walk());
 
-  // A key without subkeys: no more on the first call, with a negative count.
+  // A key without subkeys: no more at once, with a negative count.
   key = open("P.1");
-  remaining = 0;
   EXPECT_EQ(HVS_ERR_NO_MORE, hvsapi_enum_subkey(h_, key, name, &len, &remaining));
   EXPECT_LT(remaining, 0);
   hvsapi_close_key(h_, key);
-
-  // Too small a buffer: the size needed, and the position does not move.
-  key = open("P");
-  len = 2; // "*x" needs 3 with its NUL
-  EXPECT_EQ(HVS_ERR_SMALL_BUFFER, hvsapi_enum_subkey(h_, key, name, &len, &remaining));
-  EXPECT_EQ(3u, len);
-  EXPECT_EQ(HVS_OK, hvsapi_enum_subkey(h_, key, name, &len, &remaining));
-  EXPECT_STREQ("*x", name);
-  hvsapi_close_key(h_, key);
-
-  // The root lists the top-level keys.
-  key = open("");
-  len = sizeof name;
-  EXPECT_EQ(HVS_OK, hvsapi_enum_subkey(h_, key, name, &len, &remaining));
-  EXPECT_STREQ("P", name);
-  EXPECT_EQ(0, remaining);
-  hvsapi_close_key(h_, key);
 }
 
-TEST_P(Contract, LastErrorIsPerHandleAndPerThreadAndCut) {
-  uint32_t code = 0;
-  EXPECT_EQ("", last_error(h_, &code));
-  EXPECT_EQ(0u, code);
-  void *key = nullptr;
-  ASSERT_EQ(HVS_ERR_NO_KEY, hvsapi_open_key(h_, &key, "NO.SUCH.KEY"));
-  std::string msg = last_error(h_, &code);
-  EXPECT_EQ(uint32_t(HVS_ERR_NO_KEY), code);
-  EXPECT_NE(std::string::npos, msg.find("NO.SUCH.KEY")) << msg;
-  EXPECT_NE(std::string::npos, msg.find(loc_)) << msg;
-  // The other handle has had no failure.
-  EXPECT_EQ("", last_error(adm_, &code));
+// Admin writes, outside a transaction and inside one (where each sees the
+// ones before it): one that cannot be done (a key that exists, a missing
+// parent, a name too long, a key not empty) fails at once; a recursive
+// delete leaves nothing to come back with the key. A rollback leaves
+// nothing of a transaction, a commit all of it.
+TEST_P(Contract, AdminWritesKeepTheTreeConsistentInAndOutOfTransactions) {
+  const std::string longest = "NEW." + std::string(255, 'x');
+  for (bool tx : {true, false}) {
+    reg_->key("OLD.CHILD");
+    if (tx) {
+      ASSERT_EQ(HVS_OK, hvsadm_begin(adm_));
+      EXPECT_EQ(HVS_ERR_ARGUMENT, hvsadm_begin(adm_)); // no nesting
+    }
+    EXPECT_EQ(HVS_ERR_EXISTS, make("OLD")) << tx;
+    EXPECT_EQ(HVS_ERR_NO_KEY, make("NEW.CHILD")) << tx;
+    EXPECT_EQ(HVS_OK, make("NEW")) << tx;
+    EXPECT_EQ(HVS_OK, make("NEW.CHILD", "1")) << tx;
+    EXPECT_EQ(HVS_OK, hvsadm_put_value(adm_, "NEW.CHILD", 0, nullptr, 0)) << tx;
+    EXPECT_EQ(HVS_ERR_ARGUMENT, make(longest + "x")) << tx;
+    EXPECT_EQ(HVS_OK, make(longest)) << tx;
+    EXPECT_EQ(HVS_ERR_NOT_EMPTY, hvsadm_delete_key(adm_, "OLD", 0)) << tx;
+    EXPECT_EQ(HVS_ERR_NO_KEY, hvsadm_delete_key(adm_, "OLD.X", 0)) << tx;
+    EXPECT_EQ(HVS_OK, hvsadm_delete_key(adm_, "OLD", 1)) << tx;
+    EXPECT_EQ(HVS_OK, make("OLD")) << tx;
+    if (tx) {
+      ASSERT_EQ(HVS_OK, hvsadm_rollback(adm_));
+      EXPECT_EQ((Walk{{"OLD", false}, {"OLD.CHILD", false}}), walk());
+    }
+  }
+  EXPECT_EQ((Walk{{"NEW", false}, {"NEW.CHILD", false}, {longest, false}, {"OLD", false}}), walk());
 
-  char small[8];
-  std::memset(small, 'x', sizeof small);
-  uint32_t len = sizeof small;
-  EXPECT_EQ(HVS_OK, hvsapi_get_last_error(h_, &code, small, &len));
-  EXPECT_EQ('\0', small[7]);
-  EXPECT_EQ(msg.substr(0, 7), std::string(small));
-
-  std::string other_thread = "unset";
-  std::thread([&] { other_thread = last_error(h_, &code); }).join();
-  EXPECT_EQ("", other_thread);
-}
-
-TEST_P(Contract, AdminOperationsKeepTheTreeConsistent) {
-  EXPECT_EQ(HVS_ERR_NO_KEY, hvsadm_create_key(adm_, "A.B", 0, nullptr, 0));
-  create("A");
-  create("A.B", "1");
-  create("A.B.C");
-  EXPECT_EQ(HVS_ERR_EXISTS, hvsadm_create_key(adm_, "A.B", 0, nullptr, 0));
-  EXPECT_EQ(HVS_ERR_ARGUMENT, hvsadm_create_key(adm_, "A..B", 0, nullptr, 0));
-  EXPECT_EQ(HVS_ERR_ARGUMENT,
-            hvsadm_create_key(adm_, ("A." + std::string(256, 'x')).c_str(), 0,
-                              nullptr, 0));
-  create("A." + std::string(255, 'x'));
-  EXPECT_EQ(HVS_ERR_NOT_EMPTY, hvsadm_delete_key(adm_, "A.B", 0));
-  EXPECT_EQ(HVS_ERR_NO_KEY, hvsadm_delete_key(adm_, "A.X", 0));
-  EXPECT_EQ(HVS_OK, hvsadm_put_value(adm_, "A.B", 0, nullptr, 0));
-  EXPECT_FALSE(walk("A.B").at(0).has_value);
-  EXPECT_EQ(HVS_ERR_NO_KEY, hvsadm_put_value(adm_, "A.X", 1, "v", 1));
-  EXPECT_EQ(HVS_OK, hvsadm_delete_key(adm_, "A.B", 1));
-  void *key = nullptr;
-  EXPECT_EQ(HVS_ERR_NO_KEY, hvsapi_open_key(h_, &key, "A.B.C"));
-  // A re-created key starts with no subkeys left over.
-  create("A.B");
-  EXPECT_EQ(1u, walk("A.B").size());
-}
-
-TEST_P(Contract, TransactionsAreAllOrNothing) {
-  create("T");
+  EXPECT_EQ(HVS_ERR_ARGUMENT, hvsadm_commit(adm_)); // none begun
   ASSERT_EQ(HVS_OK, hvsadm_begin(adm_));
-  EXPECT_EQ(HVS_ERR_ARGUMENT, hvsadm_begin(adm_)); // no nesting
-  create("T.ONE", "1");
-  create("T.ONE.TWO");
-  ASSERT_EQ(HVS_OK, hvsadm_delete_key(adm_, "T", 1));
-  ASSERT_EQ(HVS_OK, hvsadm_rollback(adm_));
-  auto after = walk();
-  ASSERT_EQ(1u, after.size());
-  EXPECT_EQ("T", after[0].name);
-
-  EXPECT_EQ(HVS_ERR_ARGUMENT, hvsadm_commit(adm_));
-  ASSERT_EQ(HVS_OK, hvsadm_begin(adm_));
-  create("T.ONE", "1");
-  ASSERT_EQ(HVS_OK, hvsadm_commit(adm_));
-  EXPECT_EQ("1", read("T.ONE"));
+  EXPECT_EQ(HVS_OK, hvsadm_delete_key(adm_, "", 1)); // replace everything
+  EXPECT_EQ(HVS_ERR_NO_KEY, make("NEW.CHILD"));
+  EXPECT_EQ(HVS_OK, make("NEW"));
+  EXPECT_EQ(HVS_OK, make("NEW.OTHER", "1"));
+  ASSERT_EQ(HVS_OK, hvsadm_commit(adm_)) << last_error(adm_);
+  EXPECT_EQ((Walk{{"NEW", false}, {"NEW.OTHER", true}}), walk());
+  EXPECT_EQ("1", read("NEW.OTHER"));
 }
 
-TEST_P(Contract, WalkIsDepthFirstInByteOrder) {
-  // "A*" sorts before "A.": a walk ordered by full path would get this wrong.
-  for (const char *k : {"A", "A*", "A.B", "A.B.C", "A.0", "B"})
-    create(k);
-  std::vector<std::string> names;
-  for (const auto &w : walk())
-    names.push_back(w.name);
-  EXPECT_EQ((std::vector<std::string>{"A", "A.0", "A.B", "A.B.C", "A*", "B"}),
-            names);
-  EXPECT_EQ(2u, walk("A.B").size());
-}
-
-// A dry run records the calls of the handles opened during it and writes
-// nothing: only those handles read their unwritten values back, and only
-// until the recording ends.
-TEST_P(Contract, ADryRunRecordsItsCallsAndWritesNothing) {
-  create("S", "old");
-  std::vector<std::pair<int, std::string>> calls;
-  auto take = [](void *arg, const hvsadm_call *c) {
-    static_cast<std::vector<std::pair<int, std::string>> *>(arg)->emplace_back(
-        c->kind, c->kind == HVSADM_CALL_WRITE
-                     ? std::string(static_cast<const char *>(c->value), c->len)
-                     : std::string(c->name));
-  };
-  ASSERT_EQ(HVS_OK, hvsadm_record(take, &calls, HVSADM_RECORD_DRY_RUN));
+// A dry run writes nothing: only the handles opened during it read their
+// unwritten values back, and only until it ends. (What it records is
+// checked end to end by prsrctl explain.)
+TEST_P(Contract, ADryRunWritesNothing) {
+  reg_->raw("S", "old");
+  ASSERT_EQ(HVS_OK, hvsadm_record([](void *, const hvsadm_call *) {}, nullptr,
+                                  HVSADM_RECORD_DRY_RUN));
   void *dry = nullptr;
   ASSERT_EQ(HVS_OK, hvsapi_init_ext(&dry, 3, nullptr, nullptr, 0));
   void *key = open("S", dry);
   ASSERT_EQ(HVS_OK, hvsapi_set_value(dry, key, HVS_TYPE_BINARY, "new", 3));
   hvsapi_close_key(dry, key);
   EXPECT_EQ("new", read("S", dry));
-  EXPECT_EQ("old", read("S")) << "a handle opened before the recording is not in it";
-  EXPECT_EQ("old", walk("S").at(0).value);
-  using Calls = std::vector<std::pair<int, std::string>>;
-  EXPECT_EQ((Calls{{HVSADM_CALL_OPEN, "S"}, {HVSADM_CALL_WRITE, "new"}, {HVSADM_CALL_OPEN, "S"},
-                   {HVSADM_CALL_READ, "S"}}),
-            calls);
+  EXPECT_EQ("old", read("S")) << "a handle opened before the dry run is not in it";
+  EXPECT_EQ("old", reg_->value("S"));
   ASSERT_EQ(HVS_OK, hvsadm_record(nullptr, nullptr, 0));
   EXPECT_EQ("old", read("S", dry));
-  EXPECT_EQ(4u, calls.size());
   hvsapi_terminate(dry);
 }
 
-TEST_P(Contract, OneHandleServesManyThreads) {
-  create("M", std::string("0\0", 2));
-  std::vector<std::thread> threads;
-  std::atomic<int> failures{0};
-  for (int t = 0; t < 4; ++t)
-    threads.emplace_back([&, t] {
-      for (int i = 0; i < 200; ++i) {
-        void *key = nullptr;
-        if (hvsapi_open_key(h_, &key, "M") != HVS_OK) {
-          ++failures;
-          continue;
-        }
-        char buf[8];
-        uint32_t len = sizeof buf, type = 0;
-        if (t == 0 && hvsapi_set_value(h_, key, 3, "1", 2) != HVS_OK)
-          ++failures;
-        if (hvsapi_get_value(h_, key, &type, buf, &len) != HVS_OK || len != 2)
-          ++failures;
-        hvsapi_close_key(h_, key);
-      }
-    });
-  for (auto &t : threads)
-    t.join();
-  EXPECT_EQ(0, failures.load());
-}
-
-INSTANTIATE_TEST_SUITE_P(Engines, Contract,
-                         ::testing::Values("sqlite", "mem", "zk"),
+INSTANTIATE_TEST_SUITE_P(Engines, Contract, ::testing::Values("sqlite", "mem", "zk"),
                          [](const auto &param_info) { return param_info.param; });
 
 // Opening fails cleanly, with a message that names the location and the
-// cause, whatever is wrong with it.
+// cause, whatever is wrong with it; a short message buffer gets it cut.
 TEST(RegistryOpen, FailuresNameTheLocation) {
-  TempDir dir;
-  std::ofstream(dir.path("garbage.db")) << std::string(4096, 'g');
-  std::ofstream(dir.path("empty.db")); // a valid, empty SQLite database
+  testkit::TempDir dir;
+  dir.write("garbage.db", std::string(4096, 'g'));
+  dir.write("empty.db", ""); // a valid, empty SQLite database
   struct Case {
     std::string loc;
     int32_t code;
@@ -397,12 +276,12 @@ TEST(RegistryOpen, FailuresNameTheLocation) {
       {"sqlite:" + dir.path("garbage.db"), HVS_ERR_CORRUPT, "not a database"},
       {"sqlite:" + dir.path("empty.db"), HVS_ERR_CORRUPT, "no registry"},
       {"mem:never-created", HVS_ERR_UNREACHABLE, "no such in-memory"},
-      {"zk://127.0.0.1:1/hvs", HVS_ERR_UNREACHABLE, "ZooKeeper"}, /* nothing listens */
+      {"zk://127.0.0.1:1/hvs", HVS_ERR_UNREACHABLE, "ZooKeeper"}, // nothing listens
       {"ftp://x", HVS_ERR_UNREACHABLE, "unknown scheme"},
   };
-  setenv("HVS_ZK_TIMEOUT_MS", "500", 1); /* refused at once anyway */
+  setenv("HVS_ZK_TIMEOUT_MS", "500", 1); // refused at once anyway
   for (const auto &c : cases) {
-    RegistryEnv env(c.loc);
+    testkit::RegistryEnv env(c.loc);
     void *h = reinterpret_cast<void *>(0x1);
     char msg[1024] = "";
     uint64_t len = sizeof msg;
@@ -411,16 +290,15 @@ TEST(RegistryOpen, FailuresNameTheLocation) {
     EXPECT_NE(std::string::npos, std::string(msg).find(c.loc)) << msg;
     EXPECT_NE(std::string::npos, std::string(msg).find(c.cause)) << msg;
   }
+  unsetenv("HVS_ZK_TIMEOUT_MS");
   EXPECT_FALSE(std::filesystem::exists(dir.path("missing.db")));
 
-  // A short message buffer gets a cut, terminated text.
-  RegistryEnv env("sqlite:" + dir.path("missing.db"));
+  testkit::RegistryEnv env("sqlite:" + dir.path("missing.db"));
   void *h = nullptr;
-  char msg[6];
-  std::memset(msg, 'x', sizeof msg);
+  char msg[6] = {'x', 'x', 'x', 'x', 'x', 'x'};
   uint64_t len = sizeof msg;
   EXPECT_EQ(HVS_ERR_UNREACHABLE, hvsapi_init_ext(&h, 3, msg, &len, 0));
-  EXPECT_EQ("sqlit", std::string(msg));
+  EXPECT_EQ("sqlit", std::string(msg, strnlen(msg, sizeof msg)));
 }
 
 } // namespace

@@ -1,143 +1,19 @@
 // What the registry client does on ZooKeeper beyond the common contract:
-// component encoding, transactions, and an ensemble that goes away and comes back, or a session that expires, under
-// a client that keeps a cache.
+// digest authentication, and an ensemble that goes away and comes back, or
+// a session that expires, under a client that keeps a cache.
 #include "testkit.h"
 #include "registry_agent.h"
-
-#include "hvsadm.h"
-#include "lks.h"
 #include "zk_session.h"
 
 #include <sys/stat.h>
 
-#include <algorithm>
-#include <cstdio>
-#include <cstring>
-#include <filesystem>
-#include <fstream>
-#include <string>
 #include <thread>
-#include <vector>
 
 namespace {
 
 using testkit::last_error;
 using testkit::fresh_location;
 using testkit::ms_since;
-
-class ZooKeeperRegistry : public ::testing::Test {
-protected:
-  void SetUp() override {
-    ZK_REQUIRED();
-    open_at(fresh_location("registry"));
-  }
-  void TearDown() override { close(); }
-
-  void open_at(const std::string &loc) {
-    loc_ = loc;
-    setenv("HVS_REGISTRY", loc_.c_str(), 1);
-    char msg[512] = "";
-    uint64_t len = sizeof msg;
-    ASSERT_EQ(HVS_OK, hvsadm_open(&adm_, 1, msg, &len)) << msg;
-  }
-  void close() {
-    if (adm_ != nullptr) {
-      hvsadm_delete_key(adm_, "", 1);
-      hvsapi_terminate(adm_);
-      adm_ = nullptr;
-    }
-    unsetenv("HVS_REGISTRY");
-  }
-  int32_t create(const std::string &name, const std::string *value = nullptr) {
-    return hvsadm_create_key(adm_, name.c_str(), value ? 1 : 0, value ? value->data() : nullptr,
-                             value ? uint32_t(value->size()) : 0);
-  }
-  // The value of name, read through a buffer of cap bytes; rc and the
-  // length word as the client left them.
-  int32_t read(const std::string &name, uint32_t cap, std::string &out, uint32_t &len) {
-    void *key = nullptr;
-    int32_t rc = hvsapi_open_key(adm_, &key, name.c_str());
-    if (rc != HVS_OK)
-      return rc;
-    out.assign(cap, '\0');
-    uint32_t type = 0;
-    len = cap;
-    rc = hvsapi_get_value(adm_, key, &type, out.data(), &len);
-    hvsapi_close_key(adm_, key);
-    if (rc == HVS_OK)
-      out.resize(len);
-    return rc;
-  }
-  std::vector<std::string> subkeys(const std::string &name) {
-    std::vector<std::string> out;
-    void *key = nullptr;
-    if (hvsapi_open_key(adm_, &key, name.c_str()) != HVS_OK)
-      return out;
-    char buf[1024];
-    for (;;) {
-      uint32_t len = sizeof buf;
-      int32_t rem = 0;
-      if (hvsapi_enum_subkey(adm_, key, buf, &len, &rem) != HVS_OK)
-        break;
-      out.emplace_back(buf, len);
-    }
-    hvsapi_close_key(adm_, key);
-    return out;
-  }
-
-  std::string loc_;
-  void *adm_ = nullptr;
-};
-
-// Components that ZooKeeper could not take raw, or that an encoding could
-// confuse with one another, all come back as they were, in byte order.
-TEST_F(ZooKeeperRegistry, OddComponentsRoundTripAndSortByTheirOwnBytes) {
-  const std::vector<std::string> names = {
-      "a/b",        "/",   " lead and trail ", "%41", "A",   "%",  "%%", "%4",
-      "zookeeper",  "*",   "-_",               "\xff\xfe", "\xc3\xa9t\xc3\xa9",
-      "tab\there",  "x:y", std::string(255, '/'),
-  };
-  ASSERT_EQ(HVS_OK, create("P"));
-  for (const auto &n : names) {
-    std::string value = "v:" + n;
-    ASSERT_EQ(HVS_OK, create("P." + n, &value)) << n << ": " << last_error(adm_);
-  }
-  std::vector<std::string> sorted = names;
-  std::sort(sorted.begin(), sorted.end());
-  EXPECT_EQ(sorted, subkeys("P"));
-  for (const auto &n : names) {
-    std::string out;
-    uint32_t len = 0;
-    ASSERT_EQ(HVS_OK, read("P." + n, 1024, out, len)) << n;
-    EXPECT_EQ("v:" + n, out);
-  }
-  // "%41" is not "A": creating one does not make the other exist.
-  EXPECT_EQ(HVS_ERR_EXISTS, create("P.%41"));
-  EXPECT_EQ(HVS_OK, hvsadm_delete_key(adm_, "P.A", 0));
-  std::string out;
-  uint32_t len = 0;
-  EXPECT_EQ(HVS_OK, read("P.%41", 64, out, len));
-}
-
-// A failing write inside a transaction (a key that exists, a missing
-// parent) fails at once, and the commit of the rest is whole.
-TEST_F(ZooKeeperRegistry, TransactionSeesItsOwnCreationsAndDeletions) {
-  ASSERT_EQ(HVS_OK, create("OLD"));
-  ASSERT_EQ(HVS_OK, create("OLD.CHILD"));
-  ASSERT_EQ(HVS_OK, hvsadm_begin(adm_));
-  EXPECT_EQ(HVS_ERR_EXISTS, create("OLD"));
-  EXPECT_EQ(HVS_ERR_NO_KEY, create("NEW.CHILD"));
-  EXPECT_EQ(HVS_OK, create("NEW"));
-  EXPECT_EQ(HVS_OK, create("NEW.CHILD"));
-  EXPECT_EQ(HVS_ERR_NOT_EMPTY, hvsadm_delete_key(adm_, "OLD", 0));
-  EXPECT_EQ(HVS_OK, hvsadm_delete_key(adm_, "", 1)); // replace everything
-  EXPECT_EQ(HVS_ERR_NO_KEY, create("NEW.CHILD"));
-  EXPECT_EQ(HVS_OK, create("OLD")); // gone in the transaction's view
-  EXPECT_EQ(HVS_OK, create("OLD.OTHER"));
-  ASSERT_EQ(HVS_OK, hvsadm_commit(adm_)) << last_error(adm_);
-  EXPECT_EQ(std::vector<std::string>{"OLD"}, subkeys(""));
-  EXPECT_EQ(std::vector<std::string>{"OTHER"}, subkeys("OLD"));
-}
 
 // The value of name through h: "= VALUE", or "- CODE".
 std::string value_of(void *h, const char *name) {
@@ -160,11 +36,10 @@ std::string value_of(void *h, const char *name) {
 TEST(ZooKeeperAccess, ProtectedRegistryIsClosedToClientsWithoutTheCredential) {
   ZK_REQUIRED();
   testkit::TempDir dir;
-  const std::string cred = dir.path("zk.cred");
-  std::ofstream(cred) << "prsr:s3cret\n";
-  ::chmod(cred.c_str(), 0644);
-  const std::string loc = fresh_location("access");
+  const std::string cred = dir.path("zk.cred"), loc = fresh_location("access");
   const std::string root = loc.substr(loc.find('/', 5));
+  dir.write("zk.cred", "prsr:s3cret\n");
+  ::chmod(cred.c_str(), 0644);
   setenv("HVS_REGISTRY", loc.c_str(), 1);
   setenv("HVS_ZK_AUTH_FILE", cred.c_str(), 1);
   void *adm = nullptr;
@@ -172,47 +47,36 @@ TEST(ZooKeeperAccess, ProtectedRegistryIsClosedToClientsWithoutTheCredential) {
   uint64_t len = sizeof msg;
   EXPECT_NE(HVS_OK, hvsadm_open(&adm, 1, msg, &len));
   EXPECT_NE(std::string::npos, std::string(msg).find("readable or writable by others")) << msg;
-
   ::chmod(cred.c_str(), 0600);
-  len = sizeof msg;
-  ASSERT_EQ(HVS_OK, hvsadm_open(&adm, 1, msg, &len)) << msg;
-  ASSERT_EQ(HVS_OK, hvsadm_create_key(adm, "K", 1, "v", 2));
-  lks_status st{};
-  void *locks = nullptr;
-  ASSERT_EQ(LKS_OK, testkit::open_handle(&locks, &st)) << lks_status_text(&st);
-  ASSERT_EQ(LKS_OK, lksmutexlock(&st, locks, "FLTM.K")) << lks_status_text(&st);
-
-  // Without the credential: the client cannot even open the registry...
+  {
+    testkit::Registry reg(loc);
+    reg.text("K", "v");
+    testkit::HeldLock lock("FLTM.K");
+    ASSERT_TRUE(lock.held());
+    // Without the credential: the client cannot even open the registry...
+    unsetenv("HVS_ZK_AUTH_FILE");
+    len = sizeof msg;
+    EXPECT_NE(HVS_OK, hvsadm_open(&adm, 0, msg, &len));
+    EXPECT_NE(std::string::npos, std::string(msg).find("HVS_ZK_AUTH_FILE")) << msg;
+    // ...nor, on the ensemble itself, read, write, create or delete a key
+    // or a lock request.
+    int zrc = 0;
+    std::string why, data;
+    bool null = false;
+    std::vector<std::string> kids;
+    auto raw = hvs::zk::Session::open(hvs::zk::Settings::from_env(testkit::ensemble()), zrc, why);
+    ASSERT_TRUE(raw) << why;
+    EXPECT_EQ(ZNOAUTH, raw->get(root + "/keys/K", data, null));
+    EXPECT_EQ(ZNOAUTH, raw->children(root + "/locks", kids));
+    EXPECT_EQ(ZNOAUTH, raw->set(root + "/keys/K", "x", 1));
+    EXPECT_EQ(ZNOAUTH, raw->create(root + "/keys/L", nullptr, -1, 0));
+    EXPECT_EQ(ZNOAUTH, raw->remove(root + "/keys/K"));
+    EXPECT_EQ(ZNOAUTH, raw->create(root + "/locks/" + hvs::zk::encode("FLTM.K") + "/write-x-",
+                                   nullptr, -1, ZOO_EPHEMERAL_SEQUENTIAL));
+    setenv("HVS_ZK_AUTH_FILE", cred.c_str(), 1);
+  }
   unsetenv("HVS_ZK_AUTH_FILE");
-  void *stranger = nullptr;
-  len = sizeof msg;
-  EXPECT_NE(HVS_OK, hvsadm_open(&stranger, 0, msg, &len));
-  EXPECT_NE(std::string::npos, std::string(msg).find("HVS_ZK_AUTH_FILE")) << msg;
-  // ...nor, on the ensemble itself, read, write, create or delete a key or
-  // a lock request.
-  int zrc = 0;
-  std::string why;
-  auto raw = hvs::zk::Session::open(hvs::zk::Settings::from_env(testkit::ensemble()), zrc, why);
-  ASSERT_TRUE(raw) << why;
-  std::string data;
-  bool null = false;
-  std::vector<std::string> kids;
-  EXPECT_EQ(ZNOAUTH, raw->get(root + "/keys/K", data, null));
-  EXPECT_EQ(ZNOAUTH, raw->children(root + "/locks", kids));
-  EXPECT_EQ(ZNOAUTH, raw->set(root + "/keys/K", "x", 1));
-  EXPECT_EQ(ZNOAUTH, raw->create(root + "/keys/L", nullptr, -1, 0));
-  EXPECT_EQ(ZNOAUTH, raw->remove(root + "/keys/K"));
-  EXPECT_EQ(ZNOAUTH, raw->create(root + "/locks/" + hvs::zk::encode("FLTM.K") + "/write-x-", nullptr, -1,
-                                 ZOO_EPHEMERAL_SEQUENTIAL));
-  raw.reset();
-
-  setenv("HVS_ZK_AUTH_FILE", cred.c_str(), 1);
-  EXPECT_EQ(LKS_OK, lksunlock(&st, locks, "FLTM.K")) << lks_status_text(&st);
-  lkssterm(&st, locks);
-  hvsadm_delete_key(adm, "", 1);
-  hvsapi_terminate(adm);
-  for (const char *e : {"HVS_REGISTRY", "HVS_ZK_AUTH_FILE"})
-    unsetenv(e);
+  unsetenv("HVS_REGISTRY");
 }
 
 // An ensemble that goes away: calls fail, quickly and saying why, and work
@@ -307,29 +171,21 @@ TEST(ZooKeeperOutage, StoppedServerGivesClearFailuresAndRestartedOneWorksAgain) 
 // client wrote meanwhile is what it reads.
 TEST(ZooKeeperOutage, ExpiredSessionLeavesNoStaleRead) {
   ZK_REQUIRED();
-  setenv("HVS_REGISTRY", fresh_location("expiry").c_str(), 1);
   setenv("HVS_ZK_SESSION_MS", "1000", 1);
-  void *adm = nullptr;
-  ASSERT_EQ(HVS_OK, hvsadm_open(&adm, 1, nullptr, nullptr));
-  ASSERT_EQ(HVS_OK, hvsadm_create_key(adm, "K", 1, "1", 2));
-  {
-    RegistryAgent agent({"serve"});
-    ASSERT_EQ("= 1", agent.ask("get K"));
-    ASSERT_EQ("= 1", agent.ask("get K"));
-    agent.signal(SIGSTOP);
-    ASSERT_EQ(HVS_OK, hvsadm_put_value(adm, "K", 1, "2", 2));
-    std::this_thread::sleep_for(std::chrono::seconds(3)); // the session expires
-    agent.signal(SIGCONT);
-    // The first read after may fail, as it would without a cache (the
-    // client learns of the expiry from it); none is stale.
-    std::string first = agent.ask("get K");
-    EXPECT_NE("= 1", first);
-    EXPECT_EQ("= 2", first == "= 2" ? first : agent.ask("get K"));
-  }
-  hvsadm_delete_key(adm, "", 1);
-  hvsapi_terminate(adm);
+  testkit::Registry reg(fresh_location("expiry"));
+  reg.text("K", "1");
+  RegistryAgent agent({"serve"});
+  ASSERT_EQ("= 1", agent.ask("get K")); // and held in its memory
+  agent.signal(SIGSTOP);
+  reg.text("K", "2");
+  std::this_thread::sleep_for(std::chrono::seconds(3)); // the session expires
+  agent.signal(SIGCONT);
+  // The first read after may fail, as it would without a cache (the client
+  // learns of the expiry from it); none is stale.
+  std::string first = agent.ask("get K");
+  EXPECT_NE("= 1", first);
+  EXPECT_EQ("= 2", first == "= 2" ? first : agent.ask("get K"));
   unsetenv("HVS_ZK_SESSION_MS");
-  unsetenv("HVS_REGISTRY");
 }
 
 } // namespace
