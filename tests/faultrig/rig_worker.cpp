@@ -28,17 +28,16 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <algorithm>
+#include <CLI/CLI.hpp>
 #include <atomic>
 #include <csignal>
-#include <cstdint>
-#include <cstdlib>
 #include <cstring>
-#include <functional>
+#include <fmt/format.h>
 #include <map>
 #include <random>
 #include <string>
 #include <thread>
+#include <utility>
 #include <vector>
 
 #include "hvsapi.h"
@@ -52,184 +51,105 @@ namespace {
 std::atomic<bool> g_stop{false};
 extern "C" void on_term(int) { g_stop = true; }
 
-using Args = std::map<std::string, std::string>;
-
-std::vector<std::string> split(const std::string &s, char sep) {
-  std::vector<std::string> out;
-  std::size_t start = 0;
-  while (start <= s.size()) {
-    std::size_t end = s.find(sep, start);
-    if (end == std::string::npos)
-      end = s.size();
-    if (end > start)
-      out.push_back(s.substr(start, end - start));
-    start = end + 1;
-  }
-  return out;
-}
-
-long number(const Args &a, const char *key, long fallback) {
-  auto it = a.find(key);
-  return it == a.end() ? fallback : std::strtol(it->second.c_str(), nullptr, 10);
-}
-
-std::string text(const Args &a, const char *key, const char *fallback = "") {
-  auto it = a.find(key);
-  return it == a.end() ? fallback : it->second;
-}
-
-lks_status fresh_status() {
-  lks_status st;
-  std::memset(&st, 0, sizeof st);
-  return st;
-}
-
-std::string lower(std::string s) {
-  for (char &c : s)
-    if (c >= 'A' && c <= 'Z')
-      c = char(c - 'A' + 'a');
-  return s;
-}
-
-bool file_exists(const std::string &path) {
-  struct stat sb {};
-  return ::stat(path.c_str(), &sb) == 0;
-}
+struct Options {
+  std::string log, name, db = "sales", ready, go;
+  std::vector<std::string> dbs{"sales", "hr"}, mix, words;
+  long ops = 100000, seconds = 10, hold_ms = 30, pause_ms = 40, idle_s = 300, wait_s = 60;
+};
 
 void sleep_ms(long ms) { std::this_thread::sleep_for(std::chrono::milliseconds(ms)); }
+int64_t after_s(long s) { return rig::now_ns() + s * 1000000000LL; }
+bool before(int64_t end) { return !g_stop && rig::now_ns() < end; }
 
-class Worker {
-public:
-  Worker(const std::string &log, std::string name) : log_(log), name_(std::move(name)) {
-    std::random_device rd;
-    rng_.seed(rd() ^ uint32_t(getpid()) ^ uint32_t(rig::now_ns()));
-  }
-  ~Worker() { shut(); }
-
-  bool ok() const { return log_.ok(); }
-
-  void started(const char *mode) {
+struct Worker {
+  Worker(const std::string &log, const std::string &name, const std::string &mode)
+      : log_(log), name_(rig::word(name)) {
     auto env = [](const char *v) { return rig::word(std::getenv(v) ? std::getenv(v) : ""); };
-    log_.line(rig::now_ns(), "start",
-              " name=" + rig::word(name_) + " pid=" + std::to_string(getpid()) + " mode=" + mode +
-                  " registry=" + env("HVS_REGISTRY") + " call_ms=" + env("HVS_ZK_TIMEOUT_MS") +
-                  " session_ms=" + env("HVS_ZK_SESSION_MS") + " lock_ms=" + env("LKS_TIMEOUT_MS"));
+    event("start", fmt::format(" name={} pid={} mode={} registry={} call_ms={} session_ms={} "
+                               "lock_ms={}",
+                               name_, getpid(), mode, env("HVS_REGISTRY"), env("HVS_ZK_TIMEOUT_MS"),
+                               env("HVS_ZK_SESSION_MS"), env("LKS_TIMEOUT_MS")));
   }
+  ~Worker() {
+    shut();
+    event("exit");
+  }
+
   void event(const char *what, const std::string &fields = {}) {
     log_.line(rig::now_ns(), what, fields);
   }
 
   // --- the three client handles, made on first need -------------------
 
-  bool library() {
-    if (ctx_ != nullptr)
-      return true;
-    lks_status st = fresh_status();
-    std::string why;
-    int32_t rc = call("init", "", [&] {
-      int32_t r = prsr_init(&st, &ctx_);
-      if (r != 0)
-        why = lks_status_text(&st);
-      return r;
-    }, &why);
-    if (rc != 0)
-      ctx_ = nullptr;
-    return rc == 0;
+  // Whether handle is made, by a logged call of init if need be.
+  template <class T, class F> bool made(T *&handle, const char *op, F &&init) {
+    if (!handle && call(op, "", init) != 0)
+      handle = nullptr;
+    return handle != nullptr;
   }
-
+  bool library() {
+    return made(ctx_, "init", [&] { return prsr_init(&st_, &ctx_); });
+  }
   bool locks() {
-    if (lks_ != nullptr)
-      return true;
-    lks_status st = fresh_status();
-    std::string why;
-    int32_t rc = call("lkinit", "", [&] {
+    return made(lks_, "lkinit", [&] {
       lks_version v{2, 1};
       lks_init_params p{};
       p.metactx = plinit(nullptr);
       p.alloc = [](void *, uint64_t n) -> void * { return std::calloc(1, n); };
       p.release = [](void *, void *m) { std::free(m); };
       p.flags = 192;
-      int32_t r = lkssinit(&st, &lks_, &v, &p, 272);
-      if (r != 0)
-        why = lks_status_text(&st);
-      return r;
-    }, &why);
-    if (rc != 0)
-      lks_ = nullptr;
-    return rc == 0;
+      return lkssinit(&st_, &lks_, &v, &p, 272);
+    });
   }
-
   bool registry() {
-    if (hvs_ != nullptr)
-      return true;
-    std::string why;
-    int32_t rc = call("hinit", "", [&] {
+    return made(hvs_, "hinit", [&] {
       char msg[512] = {0};
       uint64_t len = sizeof msg;
-      int32_t r = hvsapi_init_ext(&hvs_, 0, msg, &len, 0);
-      if (r != 0)
-        why = msg;
+      const int32_t r = hvsapi_init_ext(&hvs_, 0, msg, &len, 0);
+      why_ = msg;
       return r;
-    }, &why);
-    if (rc != 0)
-      hvs_ = nullptr;
-    return rc == 0;
+    });
   }
 
   void shut() {
-    if (ctx_ != nullptr) {
-      lks_status st = fresh_status();
-      call("term", "", [&] { return prsr_terminate(&st, ctx_); });
-      ctx_ = nullptr;
-    }
-    if (lks_ != nullptr) {
-      lks_status st = fresh_status();
-      call("lkterm", "", [&] { return lkssterm(&st, lks_); });
-      lks_ = nullptr;
-    }
-    if (hvs_ != nullptr) {
-      call("hterm", "", [&] { return hvsapi_terminate(hvs_); });
-      hvs_ = nullptr;
-    }
+    if (ctx_)
+      call("term", "", [&] { return prsr_terminate(&st_, std::exchange(ctx_, {})); });
+    if (lks_)
+      call("lkterm", "", [&] { return lkssterm(&st_, std::exchange(lks_, {})); });
+    if (hvs_)
+      call("hterm", "", [&] { return hvsapi_terminate(std::exchange(hvs_, {})); });
   }
 
   // --- library operations ---------------------------------------------
 
-  // Fetches a database's record and logs what each service's flags are
-  // (unless only its services are wanted).
+  // Fetches a database's record, learns its services and logs what each
+  // one's flags are (unless only its services are wanted).
   int32_t fetch(const std::string &db, bool record = true) {
+    prsr_cfg *cfg = nullptr;
     if (!library())
       return -1;
-    prsr_cfg *cfg = nullptr;
-    lks_status st = fresh_status();
-    std::string why;
-    uint64_t id = 0;
-    int32_t rc = call("fetch", " db=" + db, [&] {
-      int32_t r = prsr_fetch_db_config(&st, ctx_, db.c_str(), &cfg);
-      if (r == PRSR_ERR_LOCK)
-        why = lks_status_text(&st);
-      return r;
-    }, &why, &id);
+    int32_t rc = call("fetch", " db=" + db,
+                      [&] { return prsr_fetch_db_config(&st_, ctx_, db.c_str(), &cfg); });
     if (rc != 0 || cfg == nullptr)
       return rc;
-    std::string fields = " id=" + std::to_string(id) + " db=" + db;
-    std::vector<std::string> names;
+    std::string fields = fmt::format(" id={} db={}", calls_, db); // the fetch call's id
+    auto &names = services[db];
+    names.clear();
     for (uint32_t i = 0; i < cfg->service_count; ++i) {
       const prsr_service_cfg *s = cfg->services[i];
-      std::string n = lower(s->service_name ? s->service_name : "?");
-      names.push_back(n);
-      std::string flags;
+      std::string n = s->service_name ? s->service_name : "?", flags;
+      for (char &c : n)
+        c = char(std::tolower(static_cast<unsigned char>(c)));
       for (uint32_t j = 0; j < s->pref_count; ++j)
         flags += s->pref_enabled[j] ? '1' : '0';
       for (uint32_t j = 0; j < s->avail_count; ++j)
         flags += s->avail_enabled[j] ? '1' : '0';
-      fields += " svc=" + rig::word(n) + ":" + (s->enabled ? "1" : "0") + ":" +
-                (flags.empty() ? "-" : flags);
+      fields += fmt::format(" svc={}:{}:{}", rig::word(n), s->enabled ? 1 : 0, rig::word(flags));
+      names.push_back(n);
     }
     if (record)
       event("fetched", fields);
-    services_[db] = names;
-    lks_status rst = fresh_status();
+    lks_status rst{};
     prsr_release_db_config(&rst, ctx_, cfg);
     return rc;
   }
@@ -237,338 +157,224 @@ public:
   int32_t set_service(const std::string &db, const std::string &svc, uint32_t value) {
     if (!library())
       return -1;
-    lks_status st = fresh_status();
-    std::string why;
-    return call("set", " db=" + db + " svc=" + rig::word(svc) + " val=" + std::to_string(value),
-                [&] {
-                  int32_t r = prsr_set_service_enabled(&st, ctx_, db.c_str(), svc.c_str(), value);
-                  if (r == PRSR_ERR_LOCK)
-                    why = lks_status_text(&st);
-                  return r;
-                },
-                &why);
-  }
-
-  const std::vector<std::string> *services(const std::string &db) const {
-    auto it = services_.find(db);
-    return it == services_.end() ? nullptr : &it->second;
+    return call("set", fmt::format(" db={} svc={} val={}", db, rig::word(svc), value), [&] {
+      return prsr_set_service_enabled(&st_, ctx_, db.c_str(), svc.c_str(), value);
+    });
   }
 
   // --- bare holds of a database's lock --------------------------------
 
-  static std::string lock_of(const std::string &db) { return "FLTM.DATABASE.DATABASES." + db; }
-  static std::string marker_of(const std::string &db) {
-    return "DATABASE.DATABASES." + db + ".RIG_MARKER";
-  }
-
-  // 0 with *hold set when granted.
-  int32_t take(const std::string &db, bool exclusive, uint64_t *hold) {
+  // A bare hold: reads the marker and, if exclusive, writes its own value
+  // and reads it back; then between(hold), reads it again and releases.
+  // The lock call's result: 0 when granted.
+  template <class F> int32_t hold(const std::string &db, bool x, F &&between) {
+    const std::string name = "FLTM.DATABASE.DATABASES." + db;
     if (!locks())
       return -1;
-    const std::string name = lock_of(db);
-    lks_status st = fresh_status();
-    std::string why;
-    int32_t rc = call(exclusive ? "xlock" : "slock", " lock=" + name, [&] {
-      int32_t r = exclusive ? lksmutexlock(&st, lks_, name.c_str())
-                            : lksshrlock(&st, lks_, name.c_str());
-      if (r != 0)
-        why = lks_status_text(&st);
-      return r;
-    }, &why);
+    int32_t rc = call(x ? "xlock" : "slock", " lock=" + name, [&] {
+      return x ? lksmutexlock(&st_, lks_, name.c_str()) : lksshrlock(&st_, lks_, name.c_str());
+    });
     if (rc != 0)
       return rc;
-    *hold = ++holds_;
-    event("grant", " hold=" + std::to_string(*hold) + " lock=" + name +
-                       " mode=" + (exclusive ? "x" : "s"));
+    const uint64_t id = ++holds_;
+    const char mode = x ? 'x' : 's';
+    event("grant", fmt::format(" hold={} lock={} mode={}", id, name, mode));
+    marker(db, id, false);
+    if (x) {
+      marker(db, id, true);
+      marker(db, id, false);
+    }
+    between(id);
+    marker(db, id, false);
+    int64_t t0 = 0;
+    rc = call("unlock", fmt::format(" lock={} hold={}", name, id), [&] {
+      t0 = rig::now_ns();
+      return lksunlock(&st_, lks_, name.c_str());
+    });
+    log_.line(rig::now_ns(), "release",
+              fmt::format(" hold={} lock={} mode={} rc={} start={}", id, name, mode, rc, t0), why_);
     return 0;
   }
 
-  int32_t give_back(const std::string &db, bool exclusive, uint64_t hold) {
-    const std::string name = lock_of(db);
-    lks_status st = fresh_status();
-    std::string why;
-    int64_t t0 = 0;
-    int32_t rc = call("unlock", " lock=" + name + " hold=" + std::to_string(hold), [&] {
-      t0 = rig::now_ns();
-      int32_t r = lksunlock(&st, lks_, name.c_str());
-      if (r != 0)
-        why = lks_status_text(&st);
-      return r;
-    }, &why);
-    log_.line(rig::now_ns(), "release",
-              " hold=" + std::to_string(hold) + " lock=" + name + " mode=" +
-                  (exclusive ? "x" : "s") + " rc=" + std::to_string(rc) +
-                  " start=" + std::to_string(t0),
-              why);
-    return rc;
-  }
-
-  // Reads the marker; logs "read" with the value ('-' when the read failed).
-  void read_marker(const std::string &db, uint64_t hold) {
-    if (!registry())
-      return;
-    const std::string key = marker_of(db);
-    int64_t t0 = rig::now_ns();
-    std::string value, why;
-    int32_t rc = key_call(key, why, [&](void *k) {
-      char buf[256] = {0};
-      uint32_t type = 0, len = sizeof buf - 1;
-      int32_t r = hvsapi_get_value(hvs_, k, &type, buf, &len);
-      if (r == 0)
-        value.assign(buf, strnlen(buf, len));
-      else
-        why = "get: " + last_error();
-      return r;
-    });
-    log_.line(rig::now_ns(), "read",
-              " hold=" + std::to_string(hold) + " key=" + key + " val=" +
-                  (rc == 0 ? rig::word(value) : std::string("-")) + " rc=" + std::to_string(rc) +
-                  " start=" + std::to_string(t0),
-              why);
-  }
-
-  // Writes name:pid:seq to the marker; logs "write" with the result.
-  int32_t write_marker(const std::string &db, uint64_t hold) {
+  // Reads the marker, or writes name:pid:seq to it; logs "read" or "write"
+  // with the value ('-' for a read that failed), the result and the start.
+  int32_t marker(const std::string &db, uint64_t hold, bool write) {
     if (!registry())
       return HVS_ERR_UNREACHABLE;
-    const std::string key = marker_of(db);
-    const std::string value =
-        rig::word(name_) + ":" + std::to_string(getpid()) + ":" + std::to_string(++writes_);
-    int64_t t0 = rig::now_ns();
-    std::string why;
-    int32_t rc = key_call(key, why, [&](void *k) {
-      int32_t r = hvsapi_set_value(hvs_, k, HVS_TYPE_TEXT, value.c_str(),
-                                   uint32_t(value.size() + 1));
-      if (r != 0)
-        why = "set: " + last_error();
-      return r;
-    });
-    log_.line(rig::now_ns(), "write",
-              " hold=" + std::to_string(hold) + " key=" + key + " val=" + value +
-                  " rc=" + std::to_string(rc) + " start=" + std::to_string(t0),
+    const std::string key = "DATABASE.DATABASES." + db + ".RIG_MARKER";
+    std::string value = write ? fmt::format("{}:{}:{}", name_, getpid(), ++writes_) : "", why;
+    const int64_t t0 = rig::now_ns();
+    char buf[256] = {0};
+    uint32_t type = 0, len = sizeof buf - 1;
+    void *k = nullptr;
+    int32_t rc = 0;
+    // One step's result: the first failure is kept, with the client's text.
+    const auto step = [&](const char *what, int32_t r) {
+      char msg[512] = {0};
+      uint32_t code = 0, n = sizeof msg;
+      if (r != 0 && rc == 0 && (rc = r) != 0)
+        why = what + std::string(hvsapi_get_last_error(hvs_, &code, msg, &n) == 0 ? msg : "?");
+      return r == 0;
+    };
+    if (step("open: ", hvsapi_open_key(hvs_, &k, key.c_str()))) {
+      step(write ? "set: " : "get: ",
+           write
+               ? hvsapi_set_value(hvs_, k, HVS_TYPE_TEXT, value.c_str(), uint32_t(value.size() + 1))
+               : hvsapi_get_value(hvs_, k, &type, buf, &len));
+      step("close: ", hvsapi_close_key(hvs_, k));
+    }
+    if (rc == 0 && !write)
+      value = rig::word(std::string(buf, strnlen(buf, len)));
+    log_.line(rig::now_ns(), write ? "write" : "read",
+              fmt::format(" hold={} key={} val={} rc={} start={}", hold, key,
+                          write || rc == 0 ? value : "-", rc, t0),
               why);
     return rc;
   }
 
-  std::mt19937 &rng() { return rng_; }
+  std::map<std::string, std::vector<std::string>> services; // learnt by fetch
 
-private:
-  template <class F>
-  int32_t call(const char *op, const std::string &fields, F &&fn, std::string *why = nullptr,
-               uint64_t *id_out = nullptr) {
-    uint64_t id = ++calls_;
-    if (id_out != nullptr)
-      *id_out = id;
-    int64_t t0 = rig::now_ns();
-    log_.line(t0, "call", " id=" + std::to_string(id) + " op=" + op + fields);
-    int32_t rc = fn();
-    int64_t t1 = rig::now_ns();
-    log_.line(t1, "end",
-              " id=" + std::to_string(id) + " op=" + op + " rc=" + std::to_string(rc) +
-                  " dur=" + std::to_string(t1 - t0),
-              why ? *why : std::string());
+  // fn() as one logged call: "call" before, "end" with the result after.
+  // A failure's text is what fn left in why_, else the status record's.
+  template <class F> int32_t call(const char *op, const std::string &fields, F &&fn) {
+    const uint64_t id = ++calls_;
+    st_ = {};
+    why_.clear();
+    const int64_t t0 = rig::now_ns();
+    log_.line(t0, "call", fmt::format(" id={} op={}{}", id, op, fields));
+    const int32_t rc = fn();
+    const int64_t t1 = rig::now_ns();
+    why_ = rc == 0 ? "" : why_.empty() ? lks_status_text(&st_) : why_;
+    log_.line(t1, "end", fmt::format(" id={} op={} rc={} dur={}", id, op, rc, t1 - t0), why_);
     return rc;
-  }
-
-  // open, fn(key), close; the first failure's code.
-  int32_t key_call(const std::string &key, std::string &why,
-                   const std::function<int32_t(void *)> &fn) {
-    void *k = nullptr;
-    int32_t rc = hvsapi_open_key(hvs_, &k, key.c_str());
-    if (rc != 0) {
-      why = "open: " + last_error();
-      return rc;
-    }
-    rc = fn(k);
-    int32_t crc = hvsapi_close_key(hvs_, k);
-    return rc != 0 ? rc : crc;
-  }
-
-  std::string last_error() {
-    uint32_t code = 0;
-    char msg[512] = {0};
-    uint32_t len = sizeof msg;
-    if (hvsapi_get_last_error(hvs_, &code, msg, &len) != 0)
-      return "?";
-    return msg;
   }
 
   rig::Log log_;
-  std::string name_;
-  std::mt19937 rng_;
+  std::string name_, why_; // why_: the text of the last call's failure
+  lks_status st_{};        // the status record of the call under way
   prsr_ctx *ctx_ = nullptr;
   void *lks_ = nullptr;
   void *hvs_ = nullptr;
-  uint64_t calls_ = 0;
-  uint64_t holds_ = 0;
-  uint64_t writes_ = 0;
-  std::map<std::string, std::vector<std::string>> services_;
+  uint64_t calls_ = 0, holds_ = 0, writes_ = 0;
 };
 
 // --- modes ---------------------------------------------------------------
 
-int run(const Args &a) {
-  Worker w(text(a, "log"), text(a, "name", "worker"));
-  if (!w.ok())
-    return 2;
-  w.started("run");
-  const auto dbs = split(text(a, "dbs", "sales,hr"), ',');
-  const long ops = number(a, "ops", 100000);
-  const int64_t end = rig::now_ns() + number(a, "seconds", 10) * 1000000000LL;
-  const long hold_ms = std::max(1L, number(a, "hold-ms", 30));
-  const long pause_ms = std::max(1L, number(a, "pause-ms", 40));
+int run(Worker &w, const Options &o) {
+  const int64_t end = after_s(o.seconds);
+  const long hold_ms = std::max(1L, o.hold_ms), pause_ms = std::max(1L, o.pause_ms);
   // Weights of fetch, set, exclusive hold, shared hold.
   std::vector<long> weight{4, 2, 3, 1};
-  const char *kinds[] = {"fetch", "set", "xhold", "shold"};
-  for (const auto &item : split(text(a, "mix"), ','))
+  const std::string kinds[] = {"fetch:", "set:", "xhold:", "shold:"};
+  for (const auto &item : o.mix)
     for (std::size_t i = 0; i < 4; ++i)
-      if (item.starts_with(std::string(kinds[i]) + ":"))
-        weight[i] = std::strtol(item.c_str() + std::strlen(kinds[i]) + 1, nullptr, 10);
+      if (item.starts_with(kinds[i]))
+        weight[i] = std::strtol(item.c_str() + kinds[i].size(), nullptr, 10);
   std::discrete_distribution<int> pick(weight.begin(), weight.end());
-  auto &rng = w.rng();
-  auto below = [&](long n) { return long(rng() % uint32_t(n)); };
+  std::mt19937 rng(std::random_device{}() ^ uint32_t(getpid()) ^ uint32_t(rig::now_ns()));
+  auto below = [&](std::size_t n) { return std::size_t(rng() % uint32_t(n)); };
 
-  for (long i = 0; i < ops && rig::now_ns() < end && !g_stop; ++i) {
-    const std::string &db = dbs[std::size_t(below(long(dbs.size())))];
+  for (long i = 0; i < o.ops && before(end); ++i) {
+    const std::string &db = o.dbs[below(o.dbs.size())];
+    const auto &svcs = w.services[db];
     int kind = pick(rng);
-    const auto *svcs = w.services(db);
-    if (kind == 1 && (svcs == nullptr || svcs->empty()))
+    if (kind == 1 && svcs.empty())
       kind = 0; // the services are learnt from a fetch
     if (kind == 0) {
       w.fetch(db);
     } else if (kind == 1) {
-      w.set_service(db, (*svcs)[std::size_t(below(long(svcs->size())))], uint32_t(below(2)));
+      w.set_service(db, svcs[below(svcs.size())], uint32_t(below(2)));
     } else {
-      bool exclusive = kind == 2;
-      uint64_t hold = 0;
-      if (w.take(db, exclusive, &hold) == 0) {
-        w.read_marker(db, hold);
-        if (exclusive) {
-          w.write_marker(db, hold);
-          w.read_marker(db, hold);
-        }
-        sleep_ms(1 + below(hold_ms));
-        w.read_marker(db, hold);
-        w.give_back(db, exclusive, hold);
-      }
+      w.hold(db, kind == 2, [&](uint64_t) { sleep_ms(1 + long(below(std::size_t(hold_ms)))); });
     }
-    sleep_ms(1 + below(pause_ms));
+    sleep_ms(1 + long(below(std::size_t(pause_ms))));
   }
   if (!g_stop) {
     w.event("idle");
-    const int64_t idle_end = rig::now_ns() + number(a, "idle-s", 300) * 1000000000LL;
-    while (!g_stop && rig::now_ns() < idle_end)
+    for (const int64_t idle_end = after_s(o.idle_s); before(idle_end);)
       sleep_ms(50);
   }
-  w.shut();
-  w.event("exit");
   return 0;
 }
 
-int hold(const Args &a) {
-  Worker w(text(a, "log"), text(a, "name", "holder"));
-  if (!w.ok())
-    return 2;
-  w.started("hold");
-  const std::string db = text(a, "db", "sales");
-  const int64_t end = rig::now_ns() + number(a, "wait-s", 60) * 1000000000LL;
+int hold(Worker &w, const Options &o) {
+  const int64_t end = after_s(o.wait_s);
+  bool ready = false;
   // The registry client first, so that the hold is not spent connecting.
-  while (!w.registry() && rig::now_ns() < end && !g_stop)
+  while (!w.registry() && before(end))
     sleep_ms(200);
-  uint64_t id = 0;
-  if (w.take(db, true, &id) != 0) {
-    w.shut();
-    w.event("exit");
-    return 3;
-  }
-  w.read_marker(db, id);
-  w.write_marker(db, id);
-  w.read_marker(db, id);
-  if (rig::Log ready(text(a, "ready")); !ready.ok())
-    return 2;
-  w.event("ready");
-  const std::string go = text(a, "go");
-  while (!file_exists(go) && rig::now_ns() < end && !g_stop)
-    sleep_ms(20);
-  w.event("go");
-  w.read_marker(db, id);
-  // As a late writer would: again while the ensemble cannot be reached, so
-  // that the write is made once the connection is back.
-  while (w.write_marker(db, id) == HVS_ERR_UNREACHABLE && rig::now_ns() < end && !g_stop)
-    sleep_ms(250);
-  w.read_marker(db, id);
-  w.give_back(db, true, id);
-  w.shut();
-  w.event("exit");
-  return 0;
+  const int32_t rc = w.hold(o.db, true, [&](uint64_t id) {
+    struct stat sb {};
+    if (!(ready = rig::Log(o.ready).ok()))
+      return;
+    w.event("ready");
+    while (::stat(o.go.c_str(), &sb) != 0 && before(end))
+      sleep_ms(20);
+    w.event("go");
+    w.marker(o.db, id, false);
+    // As a late writer would: again while the ensemble cannot be reached,
+    // so that the write is made once the connection is back.
+    while (w.marker(o.db, id, true) == HVS_ERR_UNREACHABLE && before(end))
+      sleep_ms(250);
+  });
+  return rc != 0 ? 3 : ready ? 0 : 2;
 }
 
-int prepare(const Args &a) {
-  Worker w(text(a, "log"), "prepare");
-  if (!w.ok())
-    return 2;
-  w.started("prepare");
+int prepare(Worker &w, const Options &o) {
   int failures = 0;
-  for (const auto &db : split(text(a, "dbs", "sales,hr"), ',')) {
-    if (w.fetch(db, false) != 0) {
-      ++failures;
-      continue;
-    }
-    for (const auto &svc : *w.services(db)) {
-      // Enabled whole: the service and every one of its instances.
-      bool whole = false;
-      for (int attempt = 0; attempt < 3 && !whole; ++attempt)
-        whole = w.set_service(db, svc, 1) == 0;
-      failures += whole ? 0 : 1;
+  for (const auto &db : o.dbs) {
+    failures += w.fetch(db, false) != 0; // which also learns the services
+    // Enabled whole: the service and every one of its instances.
+    for (const auto &svc : w.services[db]) {
+      int32_t rc = -1;
+      for (int attempt = 0; attempt < 3 && rc != 0; ++attempt)
+        rc = w.set_service(db, svc, 1);
+      failures += rc != 0;
     }
   }
-  w.shut();
-  w.event("exit");
   return failures == 0 ? 0 : 1;
-}
-
-int mark(int argc, char **argv) {
-  std::string log, fields;
-  for (int i = 2; i < argc; ++i) {
-    if (std::strcmp(argv[i], "--log") == 0 && i + 1 < argc)
-      log = argv[++i];
-    else
-      fields += std::string(" ") + rig::word(argv[i]);
-  }
-  rig::Log out(log);
-  if (!out.ok())
-    return 2;
-  out.line(rig::now_ns(), "mark", fields);
-  return 0;
 }
 
 } // namespace
 
 int main(int argc, char **argv) {
-  if (argc < 2) {
-    std::fprintf(stderr, "usage: rig_worker run|hold|prepare|mark [--key value]...\n");
-    return 2;
+  Options o;
+  CLI::App app{"rig_worker: one process of the fault rig's workload"};
+  app.fallthrough()->require_subcommand(1);
+  app.add_option("--log", o.log, "the event log, appended to")->required();
+  app.add_option("--name", o.name);
+  app.add_option("--db", o.db);
+  app.add_option("--ready", o.ready);
+  app.add_option("--go", o.go);
+  app.add_option("--dbs", o.dbs)->delimiter(',');
+  app.add_option("--mix", o.mix)->delimiter(',');
+  app.add_option("--ops", o.ops);
+  app.add_option("--seconds", o.seconds);
+  app.add_option("--hold-ms", o.hold_ms);
+  app.add_option("--pause-ms", o.pause_ms);
+  app.add_option("--idle-s", o.idle_s);
+  app.add_option("--wait-s", o.wait_s);
+  for (const char *mode : {"run", "hold", "prepare"})
+    app.add_subcommand(mode);
+  app.add_subcommand("mark")->add_option("words", o.words);
+  try {
+    app.parse(argc, argv);
+  } catch (const CLI::ParseError &e) {
+    return app.exit(e) == 0 ? 0 : 2;
   }
-  const std::string mode = argv[1];
-  if (mode == "mark")
-    return mark(argc, argv);
-  Args a;
-  for (int i = 2; i + 1 < argc; i += 2)
-    if (std::strncmp(argv[i], "--", 2) == 0)
-      a[argv[i] + 2] = argv[i + 1];
-  if (a.find("log") == a.end()) {
-    std::fprintf(stderr, "rig_worker: --log FILE is required\n");
-    return 2;
+  const std::string mode = app.get_subcommands().front()->get_name();
+  if (mode == "mark") {
+    std::string fields;
+    for (const auto &word : o.words)
+      fields += " " + rig::word(word);
+    rig::Log out(o.log);
+    out.line(rig::now_ns(), "mark", fields);
+    return out.ok() ? 0 : 2;
   }
-  std::signal(SIGTERM, on_term);
-  std::signal(SIGINT, on_term);
-  std::signal(SIGPIPE, SIG_IGN);
-  if (mode == "run")
-    return run(a);
-  if (mode == "hold")
-    return hold(a);
-  if (mode == "prepare")
-    return prepare(a);
-  std::fprintf(stderr, "rig_worker: unknown mode %s\n", mode.c_str());
-  return 2;
+  for (int sig : {SIGTERM, SIGINT, SIGPIPE})
+    std::signal(sig, sig == SIGPIPE ? SIG_IGN : on_term);
+  Worker w(o.log, o.name.empty() ? mode : o.name, mode);
+  if (!w.log_.ok())
+    return 2;
+  return mode == "run" ? run(w, o) : mode == "hold" ? hold(w, o) : prepare(w, o);
 }

@@ -1,7 +1,5 @@
 // lock_holder: takes one named lock in a process of its own and holds it,
-// for tests that need another process to hold a lock. It is started with
-// exec, never as a bare fork of a test, so that it starts with a clean
-// process whatever threads the test had running.
+// for tests that need another process to hold a lock (child_process.h).
 //
 //   lock_holder NAME shared|exclusive [HOLD_MS [KEY=VALUE...]]
 //
@@ -28,14 +26,13 @@
 
 namespace {
 
+// KEY=VALUE: VALUE written to KEY as text.
 int32_t write_text(void *hvs, const std::string &assignment) {
-  auto eq = assignment.find('=');
-  if (eq == std::string::npos)
-    return HVS_ERR_ARGUMENT;
-  std::string key = assignment.substr(0, eq);
-  std::string value = assignment.substr(eq + 1);
+  const auto eq = assignment.find('=');
+  const std::string value = assignment.substr(eq + 1);
   void *k = nullptr;
-  int32_t rc = hvsapi_open_key(hvs, &k, key.c_str());
+  int32_t rc = eq == std::string::npos ? HVS_ERR_ARGUMENT
+                                       : hvsapi_open_key(hvs, &k, assignment.substr(0, eq).c_str());
   if (rc != HVS_OK)
     return rc;
   rc = hvsapi_set_value(hvs, k, HVS_TYPE_TEXT, value.c_str(), uint32_t(value.size() + 1));
@@ -49,11 +46,10 @@ int main(int argc, char **argv) {
   if (argc < 3)
     return 2;
   const char *name = argv[1];
-  bool shared = std::strcmp(argv[2], "shared") == 0;
-  int hold_ms = argc > 3 ? std::atoi(argv[3]) : -1;
+  const bool shared = std::strcmp(argv[2], "shared") == 0;
+  const int hold_ms = argc > 3 ? std::atoi(argv[3]) : -1;
   lks_status st{};
-  void *h = nullptr;
-  void *hvs = nullptr;
+  void *h = nullptr, *hvs = nullptr;
   lks_version v{2, 1};
   lks_init_params p{};
   p.metactx = plinit(nullptr);
@@ -63,11 +59,10 @@ int main(int argc, char **argv) {
   int32_t rc = lkssinit(&st, &h, &v, &p, 272);
   if (rc == 0)
     rc = shared ? lksshrlock(&st, h, name) : lksmutexlock(&st, h, name);
-  if (rc == 0 && argc > 4) {
+  for (int i = 4; rc == 0 && i < argc; ++i) {
     uint64_t len = 0;
-    rc = hvsapi_init_ext(&hvs, 3, nullptr, &len, 0);
-    for (int i = 4; rc == 0 && i < argc; ++i)
-      rc = write_text(hvs, argv[i]);
+    rc = hvs != nullptr ? 0 : hvsapi_init_ext(&hvs, 3, nullptr, &len, 0);
+    rc = rc != 0 ? rc : write_text(hvs, argv[i]);
   }
   char c = rc == 0 ? 'y' : 'n';
   if (write(1, &c, 1) != 1 || rc != 0)
@@ -77,23 +72,16 @@ int main(int argc, char **argv) {
   else if (read(0, &c, 1) < 0)
     return 4;
   int wrote = 0;
-  if (const char *w = getenv("LOCK_HOLDER_WRITE")) {
-    std::string kv(w);
-    std::string key = kv.substr(0, kv.find('=')), value = kv.substr(kv.find('=') + 1);
-    void *reg = nullptr, *k = nullptr;
+  if (const char *late = getenv("LOCK_HOLDER_WRITE")) {
+    void *reg = nullptr;
     int32_t hrc = hvsapi_init_ext(&reg, 0, nullptr, nullptr, 0);
-    if (hrc == 0)
-      hrc = hvsapi_open_key(reg, &k, key.c_str());
-    if (hrc == 0) {
-      hrc = hvsapi_set_value(reg, k, 3, value.c_str(), uint32_t(value.size() + 1));
-      hvsapi_close_key(reg, k);
-    }
+    hrc = hrc != 0 ? hrc : write_text(reg, late);
     if (reg != nullptr)
       hvsapi_terminate(reg);
     wrote = hrc == 0 ? 0 : hrc == HVS_ERR_LOCK_LOST ? 16 : 32;
   }
   rc = lksunlock(&st, h, name);
-  int code = rc == 0 ? 0 : lks_status_code(&st);
+  const int code = rc == 0 ? 0 : lks_status_code(&st);
   lkssterm(&st, h);
   if (hvs != nullptr)
     hvsapi_terminate(hvs);
