@@ -1,22 +1,24 @@
 /* The whole-record fetch of a database: fields, defaults, instance and
  * service entries, bad input, and the lock across processes. */
-#include <sys/wait.h>
-#include <unistd.h>
-
 #include <chrono>
-#include <cstring>
 
-#include "testkit.h"
-#include "lock_holder.h"
 #include "lks.h"
-#include "mp.h"
-#include "util/umem.h"
+#include "lock_holder.h"
+#include "testkit.h"
 
 using namespace testkit;
 
 namespace {
 
 const std::string kDb = "DATABASE.DATABASES.sales";
+using Texts = std::vector<std::string>;
+
+Texts texts(char **list, uint32_t n) {
+  Texts v;
+  for (uint32_t i = 0; i < n; ++i)
+    v.push_back(str(list[i]));
+  return v;
+}
 
 /* A fetched record, released when the test is done with it. */
 struct Fetch {
@@ -34,12 +36,11 @@ struct DbConfig : ::testing::Test {
   Registry reg;
   void SetUp() override {
     reg.sample_db();
-    reg.text(kDb + ".DB_CLU_ALIAS.IP", "10.0.0.5");
-    reg.text(kDb + ".TERVAN_HOME", "/opt/tervan");
-    reg.text(kDb + ".BOOTCFG", "/srv/boot.ini");
-    reg.text(kDb + ".DB_NAME", "salesdb");
-    reg.text(kDb + ".START_OPTIONS", "open");
-    reg.text(kDb + ".POLICY", "MANUAL");
+    const char *values[][2] = {{"DB_CLU_ALIAS.IP", "10.0.0.5"}, {"TERVAN_HOME", "/opt/tervan"},
+                               {"BOOTCFG", "/srv/boot.ini"},    {"DB_NAME", "salesdb"},
+                               {"START_OPTIONS", "open"},       {"POLICY", "MANUAL"}};
+    for (auto &v : values)
+      reg.text(kDb + "." + v[0], v[1]);
     reg.multi(kDb + ".ENVIRONMENT", {"TZ=UTC", "LANG=C"});
     reg.multi(kDb + ".INSTANCE.sales1.ENVIRONMENT", {"A=1"});
   }
@@ -64,179 +65,143 @@ struct DbConfig : ::testing::Test {
 
 } // namespace
 
+/* The whole record, with a service whose instances sort by their TYPE, and
+ * one without instances: that entry is the name alone, whatever else
+ * exists. */
 TEST_F(DbConfig, FetchesTheWholeRecordByAnyCaseOfName) {
+  service("sales*east", "Sales.East",
+          {{"i1", "I1", "preferred", "true"},  /* lower case: in neither list */
+           {"i2", "I2", "PREFERRED", "TRUE"},
+           {"i3", "I3", nullptr, "true"},       /* no TYPE: passed over */
+           {"i4", "I4", "AVAILABLE", "yes"},    /* only "TRUE" is enabled here */
+           {"i5", "I5", "SOMETIMES", "true"},
+           {"i6", "I6", "PREFERRED", nullptr},  /* no flag: 0 */
+           {"i7", "I7", "AVAILABLE", "tRuE"}});
+  reg.text(kDb + ".SERVICE.sales*east.FOVPOLICY", "BASIC");
+  reg.text(kDb + ".SERVICE.sales*east.ENABLED", "maybe");
+  reg.multi(kDb + ".SERVICE.sales*east.ENVIRONMENT", {"S=1", "T=2"});
+  const char *bare[][2] = {{"", "Bare"}, {".ENABLED", "true"}, {".FOVPOLICY", "BASIC"}};
+  for (auto &b : bare)
+    reg.text(kDb + ".SERVICE.bare" + b[0], b[1]);
+  reg.multi(kDb + ".SERVICE.bare.ENVIRONMENT", {"X=1"});
   Session s;
-  service("oltp", "OLTP", {{"sales1", "Sales1", "PREFERRED", "true"},
-                           {"sales2", "SALES2", "AVAILABLE", "TRUE"}});
-  reg.text(kDb + ".SERVICE.oltp.FOVPOLICY", "BASIC");
-  reg.text(kDb + ".SERVICE.oltp.ENABLED", "true");
-  reg.multi(kDb + ".SERVICE.oltp.ENVIRONMENT", {"S=1", "T=2"});
-  for (const char *name : {"sales", "SALES", "SaLeS"}) {
+  for (const char *name : {"sales", "SaLeS"}) {
     Fetch f(s, name);
     ASSERT_EQ(PRSR_SUCCESS, f.rc) << name;
-    EXPECT_STREQ("PRSRCFGB", f->tag);
     EXPECT_EQ(1u, f->fetched);
-    EXPECT_EQ("Sales", str(f->sp_name));
-    EXPECT_EQ("10.0.0.5", str(f->clu_alias_ip));
-    EXPECT_EQ("/opt/tervan", str(f->tervan_home));
-    EXPECT_EQ("/srv/boot.ini", str(f->bootcfg));
-    EXPECT_EQ("salesdb", str(f->db_name));
-    EXPECT_EQ("PRIMARY", str(f->role));
-    EXPECT_EQ("open", str(f->start_options));
-    EXPECT_EQ("MANUAL", str(f->policy));
-    EXPECT_EQ("example.com", str(f->domain));
+    EXPECT_EQ((Texts{"Sales", "10.0.0.5", "/opt/tervan", "/srv/boot.ini", "salesdb", "PRIMARY",
+                     "open", "MANUAL", "example.com"}),
+              (Texts{str(f->sp_name), str(f->clu_alias_ip), str(f->tervan_home), str(f->bootcfg),
+                     str(f->db_name), str(f->role), str(f->start_options), str(f->policy),
+                     str(f->domain)}));
     EXPECT_EQ(1u, f->enabled);
-    ASSERT_EQ(2u, f->environment_count);
-    EXPECT_EQ("TZ=UTC", str(f->environment[0]));
-    EXPECT_EQ("LANG=C", str(f->environment[1]));
+    EXPECT_EQ((Texts{"TZ=UTC", "LANG=C"}), texts(f->environment, f->environment_count));
 
     ASSERT_EQ(2u, f->instance_count);
     prsr_instance_cfg *i1 = f->instances[0], *i2 = f->instances[1];
     EXPECT_EQ("Sales1", str(i1->instance_name));
     EXPECT_EQ("node1", str(i1->node_name));
     EXPECT_EQ(1u, i1->enabled);
-    ASSERT_EQ(1u, i1->environment_count);
-    EXPECT_EQ("A=1", str(i1->environment[0]));
+    EXPECT_EQ(Texts{"A=1"}, texts(i1->environment, i1->environment_count));
     EXPECT_EQ("SALES2", str(i2->instance_name));
     EXPECT_EQ(0u, i2->enabled);
     EXPECT_EQ(nullptr, i2->environment);
 
-    ASSERT_EQ(1u, f->service_count);
-    prsr_service_cfg *sv = f->services[0];
-    EXPECT_EQ("OLTP", str(sv->service_name));
-    ASSERT_EQ(1u, sv->pref_count);
-    EXPECT_EQ("Sales1", str(sv->pref_instances[0]));
-    EXPECT_EQ(nullptr, sv->pref_instances[1]);
-    EXPECT_EQ(1u, sv->pref_enabled[0]);
-    ASSERT_EQ(1u, sv->avail_count);
-    EXPECT_EQ("SALES2", str(sv->avail_instances[0]));
-    EXPECT_EQ(1u, sv->avail_enabled[0]);
+    ASSERT_EQ(2u, f->service_count);
+    prsr_service_cfg *b = f->services[0], *sv = f->services[1];
+    EXPECT_EQ("Bare", str(b->service_name));
+    EXPECT_EQ(nullptr, b->pref_instances);
+    EXPECT_EQ(nullptr, b->avail_instances);
+    EXPECT_EQ(0u, b->fov_policy + b->enabled + b->environment_count);
+
+    EXPECT_EQ("Sales.East", str(sv->service_name));
+    EXPECT_EQ((Texts{"I2", "I6"}), texts(sv->pref_instances, sv->pref_count));
+    EXPECT_EQ(nullptr, sv->pref_instances[2]);
+    EXPECT_EQ((std::vector<uint32_t>{1, 0}), std::vector(sv->pref_enabled, sv->pref_enabled + 2));
+    EXPECT_EQ((Texts{"I4", "I7"}), texts(sv->avail_instances, sv->avail_count));
+    EXPECT_EQ(nullptr, sv->avail_instances[2]);
+    EXPECT_EQ((std::vector<uint32_t>{0, 1}), std::vector(sv->avail_enabled, sv->avail_enabled + 2));
     EXPECT_EQ(uint32_t{PRSR_FOV_BASIC}, sv->fov_policy);
     EXPECT_EQ(1u, sv->enabled);
-    ASSERT_EQ(2u, sv->environment_count);
-    EXPECT_EQ("T=2", str(sv->environment[1]));
+    EXPECT_EQ((Texts{"S=1", "T=2"}), texts(sv->environment, sv->environment_count));
   }
 }
 
-TEST_F(DbConfig, MissingOptionalKeysTakeTheirDefaults) {
-  Registry bare;
-  bare.text("DATABASE.DATABASES.hr", "HR");
-  bare.key("DATABASE.DATABASES.hr.INSTANCE");
-  Session s;
-  Trace trace(bare.dir());
-  Fetch f(s, "HR");
-  ASSERT_EQ(PRSR_SUCCESS, f.rc);
-  EXPECT_EQ("HR", str(f->sp_name));
-  EXPECT_EQ("AUTOMATIC", str(f->policy));
-  EXPECT_EQ(0u, f->enabled);
-  EXPECT_EQ(nullptr, f->environment);
-  EXPECT_EQ(0u, f->environment_count);
-  for (char *field : {f->clu_alias_ip, f->tervan_home, f->bootcfg, f->db_name, f->role,
-                      f->start_options, f->domain})
-    EXPECT_EQ(nullptr, field);
-  EXPECT_EQ(nullptr, f->instances);
-  EXPECT_EQ(0u, f->instance_count);
-  EXPECT_EQ(nullptr, f->services);
-  EXPECT_EQ(0u, f->service_count);
-  EXPECT_TRUE(trace.has("prsr_fetch_db_config: key DATABASE.DATABASES.hr.DB_CLU_ALIAS.IP not found"));
-  EXPECT_TRUE(trace.has("prsr_fetch_db_config: HVS api hvsapi_open_key failed for key "
-                        "DATABASE.DATABASES.hr.TERVAN_HOME with 4"));
-  EXPECT_FALSE(trace.has("failed for key DATABASE.DATABASES.hr.POLICY"));
-}
-
-/* A value that cannot be read: each field has its own answer. */
-TEST_F(DbConfig, UnreadableAndOddValues) {
+/* Missing optional keys take their defaults; a value that cannot be read:
+ * each field has its own answer, and an instance goes on without a NODE it
+ * cannot read. */
+TEST_F(DbConfig, MissingOrUnreadableValues) {
+  reg.text("DATABASE.DATABASES.hr", "HR");
+  reg.key("DATABASE.DATABASES.hr.INSTANCE");
   const std::string big(1025, 'v');
-  struct {
-    const char *key;
-    std::string stored;
-    bool raw;
-    const char *want; /* the text field, "<null>" for NULL */
-    uint32_t enabled;
-  } cases[] = {
-      {"BOOTCFG", big, false, "", 1},
-      {"BOOTCFG", std::string(1024, 'b'), true, nullptr, 1}, /* fits exactly */
-      {"POLICY", big, false, "", 1},
-      {"DOMAIN", big, false, "", 1},
-      {"DB_CLU_ALIAS.IP", big, false, "<null>", 1},
-      {"ENABLED", big, false, nullptr, 0},
-      {"ENABLED", "FALSE", false, nullptr, 0},
-      {"ENABLED", "false", false, nullptr, 0},
-      {"ENABLED", "yes", false, nullptr, 1},
-      {"ENABLED", "", false, nullptr, 1},
-  };
-  Session s;
-  for (auto &c : cases) {
-    SetUp();
-    if (c.raw)
-      reg.raw(kDb + "." + c.key, c.stored);
-    else
-      reg.text(kDb + "." + c.key, c.stored);
-    Fetch f(s, "sales");
-    ASSERT_EQ(PRSR_SUCCESS, f.rc) << c.key;
-    EXPECT_EQ(c.enabled, f->enabled) << c.key << " " << c.stored.substr(0, 8);
-    std::string k = c.key;
-    char *field = k == "BOOTCFG"   ? f->bootcfg
-                  : k == "POLICY"  ? f->policy
-                  : k == "DOMAIN"  ? f->domain
-                  : k == "ENABLED" ? nullptr
-                                   : f->clu_alias_ip;
-    if (c.want) {
-      EXPECT_EQ(c.want, str(field)) << c.key;
-    } else if (c.raw) {
-      EXPECT_EQ(c.stored, str(field)) << c.key;
-    }
-  }
-}
-
-TEST_F(DbConfig, MissingOrUnreadableDatabase) {
-  Session s;
-  Trace trace(reg.dir());
-  Held before = Held::now();
-  {
-    Fetch f(s, "nodb");
-    EXPECT_EQ(PRSR_ERR_NO_KEY, f.rc);
-    EXPECT_EQ(nullptr, f.cfg);
-  }
-  EXPECT_TRUE(trace.has("prsr_fetch_db_config: DATABASE.DATABASES.nodb Key does not exist"));
-  /* The name text is longer than its key component. */
-  reg.text(kDb, "Salesx");
-  {
-    Fetch f(s, "sales");
-    EXPECT_EQ(PRSR_ERR_REGISTRY, f.rc);
-    EXPECT_EQ(nullptr, f.cfg);
-  }
-  EXPECT_EQ(before, Held::now());
-}
-
-TEST_F(DbConfig, InstanceEntries) {
-  struct {
-    const char *enabled; /* nullptr: no key */
-    uint32_t want;
-  } flags[] = {{"true", 1}, {"FALSE", 0}, {"false", 0}, {"", 1}, {"junk", 1}, {nullptr, 0}};
-  Session s;
-  for (auto &c : flags) {
-    reg.remove(kDb + ".INSTANCE.sales2.ENABLED");
-    if (c.enabled)
-      reg.text(kDb + ".INSTANCE.sales2.ENABLED", c.enabled);
-    Fetch f(s, "sales");
-    ASSERT_EQ(PRSR_SUCCESS, f.rc);
-    EXPECT_EQ(c.want, f->instances[1]->enabled) << str(c.enabled);
-  }
-  /* No NODE, or one too long: the entry goes on without it. */
+  for (const char *k : {"BOOTCFG", "POLICY", "DOMAIN", "DB_CLU_ALIAS.IP"})
+    reg.text(kDb + "." + k, big);
   reg.remove(kDb + ".INSTANCE.sales1.NODE");
   reg.text(kDb + ".INSTANCE.sales2.NODE", std::string(1025, 'n'));
+  Session s;
+  {
+    Fetch f(s, "HR");
+    ASSERT_EQ(PRSR_SUCCESS, f.rc);
+    EXPECT_EQ("HR", str(f->sp_name));
+    EXPECT_EQ("AUTOMATIC", str(f->policy));
+    EXPECT_EQ(0u, f->enabled + f->environment_count + f->instance_count + f->service_count);
+    for (const void *field : std::initializer_list<const void *>{
+             f->clu_alias_ip, f->tervan_home, f->bootcfg, f->db_name, f->role, f->start_options,
+             f->domain, f->environment, f->instances, f->services})
+      EXPECT_EQ(nullptr, field);
+  }
+  {
+    Fetch f(s, "sales");
+    ASSERT_EQ(PRSR_SUCCESS, f.rc);
+    EXPECT_EQ((Texts{"", "", "", "<null>"}),
+              (Texts{str(f->bootcfg), str(f->policy), str(f->domain), str(f->clu_alias_ip)}));
+    EXPECT_EQ((Texts{"Sales1", "<null>", "<null>"}),
+              (Texts{str(f->instances[0]->instance_name), str(f->instances[0]->node_name),
+                     str(f->instances[1]->node_name)}));
+  }
+  reg.raw(kDb + ".BOOTCFG", std::string(1024, 'b')); /* fits exactly */
   Fetch f(s, "sales");
   ASSERT_EQ(PRSR_SUCCESS, f.rc);
-  EXPECT_EQ(nullptr, f->instances[0]->node_name);
-  EXPECT_EQ(nullptr, f->instances[1]->node_name);
-  EXPECT_EQ("Sales1", str(f->instances[0]->instance_name));
+  EXPECT_EQ(std::string(1024, 'b'), str(f->bootcfg));
 }
 
-/* The third of five instances cannot be read: the finished entries and the
- * third one's fields go back with the record, and the fill's code is the
- * result. */
-TEST_F(DbConfig, FailingFillPartWayThroughTheTable) {
+/* The flags of the record, of an instance and of a service: anything but
+ * "FALSE" in any case is 1, a missing or unreadable one 0; and the
+ * service's failover policy, 0 unless read. */
+TEST_F(DbConfig, FlagsAndFailoverPolicy) {
+  const std::string big(1025, 'v');
+  struct {
+    const char *flag, *fov; /* nullptr: no key */
+    uint32_t want_flag, want_fov;
+  } cases[] = {{"FALSE", "preconnect", 0, 3}, {"false", "Mutual", 0, 3}, {"yes", "NONE", 1, 1},
+               {"", "AVAILABLE", 1, 3},       {big.c_str(), big.c_str(), 0, 0},
+               {nullptr, nullptr, 0, 0}};
+  service("svc", "Svc", {{"sales1", "Sales1", "AVAILABLE", "true"}});
+  const std::string svc = kDb + ".SERVICE.svc";
+  Session s;
+  for (auto &c : cases) {
+    for (auto [k, v] : {std::pair{kDb + ".ENABLED", c.flag}, std::pair{svc + ".ENABLED", c.flag},
+                        std::pair{kDb + ".INSTANCE.sales2.ENABLED", c.flag},
+                        std::pair{svc + ".FOVPOLICY", c.fov}}) {
+      reg.remove(k);
+      if (v)
+        reg.text(k, v);
+    }
+    Fetch f(s, "sales");
+    ASSERT_EQ(PRSR_SUCCESS, f.rc);
+    EXPECT_EQ((std::vector{c.want_flag, c.want_flag, c.want_flag, c.want_fov}),
+              (std::vector{f->enabled, f->instances[1]->enabled, f->services[0]->enabled,
+                           f->services[0]->fov_policy}))
+        << str(c.flag).substr(0, 8) << " / " << str(c.fov).substr(0, 8);
+  }
+}
+
+/* No database: 7. The third of five instances cannot be read: the
+ * finished entries and the third one's fields go back with the record, and
+ * the fill's code is the result. The same for a service whose key cannot
+ * be read, and for the database's own name text, longer than its key
+ * component. */
+TEST_F(DbConfig, MissingDatabaseOrFailingFill) {
   for (const char *c : {"sales3", "sales4", "sales5"}) {
     reg.text(kDb + ".INSTANCE." + c, c);
     reg.text(kDb + ".INSTANCE." + std::string(c) + ".NODE", "n");
@@ -245,81 +210,22 @@ TEST_F(DbConfig, FailingFillPartWayThroughTheTable) {
   Session s;
   Trace trace(reg.dir(), 0);
   Held before = Held::now();
-  prsr_cfg *cfg = nullptr;
-  EXPECT_EQ(PRSR_ERR_REGISTRY, prsr_fetch_db_config(s.status(), s.ctx(), "sales", &cfg));
-  EXPECT_EQ(nullptr, cfg);
-  EXPECT_EQ(before, Held::now());
-  EXPECT_TRUE(trace.has("prsr_fetch_db_config: prsr_fill_instance failed, rc = 3"));
-
-  /* The same for a service whose key cannot be read. */
+  auto fails = [&](const char *name, int32_t want) {
+    prsr_cfg *cfg = nullptr;
+    EXPECT_EQ(want, prsr_fetch_db_config(s.status(), s.ctx(), name, &cfg)) << name;
+    EXPECT_EQ(nullptr, cfg);
+    EXPECT_EQ(before, Held::now());
+  };
+  fails("nodb", PRSR_ERR_NO_KEY);
+  fails("sales", PRSR_ERR_REGISTRY);
   reg.text(kDb + ".INSTANCE.sales3", "Sales3");
   service("a", "A", {});
   service("b", "Bee", {});
-  EXPECT_EQ(PRSR_ERR_REGISTRY, prsr_fetch_db_config(s.status(), s.ctx(), "sales", &cfg));
-  EXPECT_EQ(nullptr, cfg);
-  EXPECT_EQ(before, Held::now());
-  EXPECT_TRUE(trace.has("prsr_fetch_db_config: prsr_fill_service failed, rc = 3"));
-}
-
-TEST_F(DbConfig, ServiceEntriesSortInstancesByType) {
-  service("sales*east", "Sales.East",
-          {{"i1", "I1", "preferred", "true"},  /* lower case: in neither list */
-           {"i2", "I2", "PREFERRED", "TRUE"},
-           {"i3", "I3", nullptr, "true"},       /* no TYPE: passed over */
-           {"i4", "I4", "AVAILABLE", "yes"},    /* only "TRUE" is enabled here */
-           {"i5", "I5", "SOMETIMES", "true"},
-           {"i6", "I6", "PREFERRED", nullptr}}); /* no flag: 0 */
-  reg.text(kDb + ".SERVICE.sales*east.ENABLED", "maybe");
-  Session s;
-  Fetch f(s, "Sales");
-  ASSERT_EQ(PRSR_SUCCESS, f.rc);
-  ASSERT_EQ(1u, f->service_count);
-  prsr_service_cfg *sv = f->services[0];
-  EXPECT_EQ("Sales.East", str(sv->service_name));
-  ASSERT_EQ(2u, sv->pref_count);
-  EXPECT_EQ("I2", str(sv->pref_instances[0]));
-  EXPECT_EQ("I6", str(sv->pref_instances[1]));
-  EXPECT_EQ(nullptr, sv->pref_instances[2]);
-  EXPECT_EQ(1u, sv->pref_enabled[0]);
-  EXPECT_EQ(0u, sv->pref_enabled[1]);
-  ASSERT_EQ(1u, sv->avail_count);
-  EXPECT_EQ("I4", str(sv->avail_instances[0]));
-  EXPECT_EQ(0u, sv->avail_enabled[0]);
-  EXPECT_EQ(1u, sv->enabled);
-  EXPECT_EQ(0u, sv->fov_policy);
-}
-
-TEST_F(DbConfig, ServiceFlagsAndFailoverPolicy) {
-  struct {
-    const char *fov, *enabled; /* nullptr: no key */
-    uint32_t want_fov, want_enabled;
-  } cases[] = {
-      {"BASIC", "TRUE", 2, 1},  {"preconnect", "false", 3, 0}, {"Mutual", "FALSE", 3, 0},
-      {"AVAILABLE", "x", 3, 1}, {"NONE", nullptr, 1, 0},       {nullptr, "true", 0, 1},
-  };
-  Session s;
-  for (auto &c : cases) {
-    reg.remove(kDb + ".SERVICE");
-    service("svc", "Svc", {{"sales1", "Sales1", "AVAILABLE", "true"}});
-    if (c.fov)
-      reg.text(kDb + ".SERVICE.svc.FOVPOLICY", c.fov);
-    if (c.enabled)
-      reg.text(kDb + ".SERVICE.svc.ENABLED", c.enabled);
-    Fetch f(s, "sales");
-    ASSERT_EQ(PRSR_SUCCESS, f.rc);
-    EXPECT_EQ(c.want_fov, f->services[0]->fov_policy) << str(c.fov);
-    EXPECT_EQ(c.want_enabled, f->services[0]->enabled) << str(c.enabled);
-  }
-  /* Without instances the entry is the name alone, whatever else exists. */
-  reg.remove(kDb + ".SERVICE.svc.INSTANCES");
-  reg.multi(kDb + ".SERVICE.svc.ENVIRONMENT", {"X=1"});
-  Fetch f(s, "sales");
-  ASSERT_EQ(PRSR_SUCCESS, f.rc);
-  prsr_service_cfg *sv = f->services[0];
-  EXPECT_EQ("Svc", str(sv->service_name));
-  EXPECT_EQ(nullptr, sv->pref_instances);
-  EXPECT_EQ(nullptr, sv->avail_instances);
-  EXPECT_EQ(0u, sv->fov_policy + sv->enabled + sv->environment_count);
+  fails("sales", PRSR_ERR_REGISTRY);
+  service("b", "B", {});
+  reg.text(kDb, "Salesx");
+  fails("sales", PRSR_ERR_REGISTRY);
+  EXPECT_TRUE(trace.has("prsr_fetch_db_config: prsr_fill_instance failed, rc = 3"));
 }
 
 /* A fetch waits while another process holds the database exclusively, and
@@ -328,27 +234,17 @@ TEST_F(DbConfig, WaitsForAnExclusiveHolderInAnotherProcess) {
   for (bool release_early : {true, false}) {
     LockHolder holder("FLTM.DATABASE.DATABASES.sales", false, release_early ? 150 : -1);
     ASSERT_TRUE(holder.granted());
-
     Session s;
     Held before = Held::now();
-    prsr_cfg *cfg = nullptr;
     auto t0 = std::chrono::steady_clock::now();
-    int32_t rc = prsr_fetch_db_config(s.status(), s.ctx(), "sales", &cfg);
-    auto waited = std::chrono::steady_clock::now() - t0;
-    if (release_early) {
-      EXPECT_EQ(PRSR_SUCCESS, rc);
-      EXPECT_GE(waited, std::chrono::milliseconds(100));
-      ASSERT_NE(nullptr, cfg);
-      EXPECT_EQ("Sales", str(cfg->sp_name));
-      prsr_release_db_config(s.status(), s.ctx(), cfg);
-      EXPECT_EQ(0, holder.wait());
-    } else {
-      EXPECT_EQ(PRSR_ERR_LOCK, rc);
-      EXPECT_EQ(nullptr, cfg);
-      EXPECT_GE(waited, std::chrono::milliseconds(250));
-      EXPECT_EQ(LKS_ERR_TIMEOUT, lks_status_code(s.status()));
-      EXPECT_EQ(0, holder.release());
+    {
+      Fetch f(s, "sales");
+      EXPECT_GE(ms_since(t0), release_early ? 100 : 250);
+      EXPECT_EQ(release_early ? PRSR_SUCCESS : PRSR_ERR_LOCK, f.rc);
+      EXPECT_EQ(release_early ? "Sales" : "<null>", str(f.cfg ? f->sp_name : nullptr));
     }
+    EXPECT_EQ(release_early ? LKS_OK : LKS_ERR_TIMEOUT, lks_status_code(s.status()));
+    EXPECT_EQ(0, release_early ? holder.wait() : holder.release());
     EXPECT_EQ(before, Held::now());
   }
 }

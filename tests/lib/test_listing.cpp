@@ -1,36 +1,28 @@
 /* The database listing and the service instance listing. */
-#include <cstring>
-
 #include "testkit.h"
 
 using namespace testkit;
 
 namespace {
 
+const std::string kDb = "DATABASE.DATABASES.sales";
+
 struct Listing : ::testing::Test {
   Registry reg;
-  void SetUp() override {
-    reg.sample_db();
-    reg.text("DATABASE.DATABASES.sales.INSTANCE.sales3", "Sales3");
-    reg.text("DATABASE.DATABASES.sales.INSTANCE.sales3.NODE", "node3");
-    reg.text(kSrv, "Sales.East");
-    reg.key(kSrv + ".INSTANCES");
-    inst("sales1", "Sales1", "PREFERRED");
-    inst("sales2", "SALES2", "AVAILABLE");
-    inst("sales3", "Sales3", "PREFERRED");
-  }
-  void inst(const std::string &comp, const std::string &name, const char *type) {
-    reg.text(kSrv + ".INSTANCES." + comp, name);
-    if (type)
-      reg.text(kSrv + ".INSTANCES." + comp + ".TYPE", type);
+  void SetUp() override { /* the service's instances, each in the database with a node */
+    sample_service(reg);
+    reg.text(kDb + ".INSTANCE.sales3", "Sales3");
+    reg.text(kDb + ".INSTANCE.sales3.NODE", "node3");
   }
 };
 
-/* One service-instance listing, released at the end of the test. */
+/* One service-instance listing, released at the end of the test. The
+ * arrays start out as a sentinel, to see whether they were touched. */
+char *sentinel[1];
 struct SrvList {
   Session &s;
-  char **instances = nullptr, **nodes = nullptr;
-  uint32_t *avail = nullptr;
+  char **instances = sentinel, **nodes = sentinel;
+  uint32_t *avail = reinterpret_cast<uint32_t *>(sentinel);
   uint32_t count = 99;
   int32_t rc;
   SrvList(Session &session, const char *db, const char *srv) : s(session) {
@@ -41,132 +33,82 @@ struct SrvList {
 
 } // namespace
 
+/* Every database with its case; none, with or without the branch key: an
+ * empty table; a name that cannot be read: the table stays with the
+ * caller, entries NULL from the failing one. */
 TEST_F(Listing, ListsDatabasesWithTheirCaseOrNone) {
   reg.sample_db("hr", "HR");
   reg.text("DATABASE.DATABASES.mixed", "MiXeD");
   Session s;
-  char **list = nullptr;
-  uint32_t count = 0;
-  ASSERT_EQ(PRSR_SUCCESS, prsr_list_db(s.status(), s.ctx(), &list, &count));
-  ASSERT_EQ(3u, count);
-  EXPECT_STREQ("HR", list[0]);
-  EXPECT_STREQ("MiXeD", list[1]);
-  EXPECT_STREQ("Sales", list[2]);
-  EXPECT_EQ(PRSR_SUCCESS, prsr_release_db_list(s.status(), s.ctx(), list, count));
-
-  /* No databases, with or without the branch key: an empty table. */
+  /* The result, then each name listed; the table is released. */
+  auto listing = [&] {
+    char **list = nullptr;
+    uint32_t count = 7;
+    std::vector<std::string> got{std::to_string(prsr_list_db(s.status(), s.ctx(), &list, &count))};
+    for (uint32_t i = 0; i < count; ++i)
+      got.push_back(str(list[i]));
+    EXPECT_NE(nullptr, list);
+    EXPECT_EQ(PRSR_SUCCESS, prsr_release_db_list(s.status(), s.ctx(), list, count));
+    return got;
+  };
+  using V = std::vector<std::string>;
   Held before = Held::now();
+  EXPECT_EQ((V{"0", "HR", "MiXeD", "Sales"}), listing());
   for (bool branch_exists : {true, false}) {
     reg.remove("DATABASE.DATABASES");
     if (branch_exists)
       reg.key("DATABASE.DATABASES");
-    count = 7;
-    ASSERT_EQ(PRSR_SUCCESS, prsr_list_db(s.status(), s.ctx(), &list, &count));
-    EXPECT_EQ(0u, count);
-    EXPECT_NE(nullptr, list);
-    EXPECT_EQ(PRSR_SUCCESS, prsr_release_db_list(s.status(), s.ctx(), list, count));
-    EXPECT_EQ(before, Held::now());
+    EXPECT_EQ(V{"0"}, listing());
   }
-}
-
-TEST_F(Listing, DatabaseListingFailures) {
   reg.sample_db("hr", "HR");
-  reg.text("DATABASE.DATABASES.sales", "Sales-longer");
-  Session s;
-  Held before = Held::now();
-  /* The table stays with the caller, entries NULL from the failing one. */
-  char **list = nullptr;
-  uint32_t count = 0;
-  EXPECT_EQ(PRSR_ERR_REGISTRY, prsr_list_db(s.status(), s.ctx(), &list, &count));
-  ASSERT_EQ(2u, count);
-  ASSERT_NE(nullptr, list);
-  EXPECT_STREQ("HR", list[0]);
-  EXPECT_EQ(nullptr, list[1]);
-  EXPECT_EQ(PRSR_SUCCESS, prsr_release_db_list(s.status(), s.ctx(), list, count));
+  reg.text(kDb, "Sales-longer");
+  EXPECT_EQ((V{"3", "HR", "<null>"}), listing());
   EXPECT_EQ(before, Held::now());
 }
 
 TEST_F(Listing, ServiceInstancesWithNodesAndRoles) {
-  inst("sales4", "Sales4", "preferred"); /* neither word: stays, avail 0 */
-  reg.text("DATABASE.DATABASES.sales.INSTANCE.sales4", "Sales4");
-  reg.text("DATABASE.DATABASES.sales.INSTANCE.sales4.NODE", "node4");
+  reg.text(srv_inst("sales4"), "Sales4");
+  reg.text(srv_inst("sales4") + ".TYPE", "preferred"); /* neither word: stays, avail 0 */
+  reg.text(kDb + ".INSTANCE.sales4", "Sales4");
+  reg.text(kDb + ".INSTANCE.sales4.NODE", "node4");
   Session s;
   for (const char *srv : {"sales.east", "SALES.East"}) {
     SrvList l(s, "SALES", srv);
     ASSERT_EQ(PRSR_SUCCESS, l.rc) << srv;
-    ASSERT_EQ(4u, l.count);
-    const char *names[] = {"Sales1", "SALES2", "Sales3", "Sales4"};
-    const char *nodes[] = {"node1", "node2", "node3", "node4"};
-    const uint32_t avail[] = {0, 1, 0, 0};
-    for (uint32_t i = 0; i < 4; ++i) {
-      EXPECT_STREQ(names[i], l.instances[i]);
-      EXPECT_STREQ(nodes[i], l.nodes[i]);
-      EXPECT_EQ(avail[i], l.avail[i]) << i;
-    }
+    std::vector<std::string> got; /* name@node/available */
+    for (uint32_t i = 0; i < l.count; ++i)
+      got.push_back(str(l.instances[i]) + "@" + str(l.nodes[i]) + "/" + std::to_string(l.avail[i]));
+    EXPECT_EQ((std::vector<std::string>{"Sales1@node1/0", "SALES2@node2/1", "Sales3@node3/0",
+                                        "Sales4@node4/0"}),
+              got);
   }
-  EXPECT_EQ(0, fault_held_locks());
-  EXPECT_EQ(0, fault_open_keys());
+  EXPECT_EQ(0, fault_held_locks() + fault_open_keys());
 }
 
-TEST_F(Listing, ServiceInstancesEmptyOrMissing) {
+/* No instances: 0, the count 0 and the arrays untouched. Unlike the
+ * whole-record fetch, every part of an instance is required, a refused
+ * lock is 3 here, not 5, and a failure leaves the arrays NULL. */
+TEST_F(Listing, ServiceInstancesEmptyMissingOrBroken) {
   Session s;
   Held before = Held::now();
-  reg.remove(kSrv + ".INSTANCES");
-  reg.key(kSrv + ".INSTANCES");
-  char *sentinel[1];
-  char **instances = sentinel, **nodes = sentinel;
-  uint32_t *avail = reinterpret_cast<uint32_t *>(sentinel);
-  uint32_t count = 5;
-  EXPECT_EQ(PRSR_SUCCESS, prsr_get_srv_instances(s.status(), s.ctx(), "sales", "sales.east",
-                                                 &instances, &nodes, &avail, &count));
-  EXPECT_EQ(0u, count);
-  EXPECT_EQ(sentinel, instances); /* untouched */
-  EXPECT_EQ(PRSR_SUCCESS,
-            prsr_release_srv_instances(s.status(), s.ctx(), instances, nodes, avail, 0));
-
-  /* No INSTANCES key: 3, and the count stays 0. */
-  count = 5;
-  EXPECT_EQ(PRSR_ERR_REGISTRY, prsr_get_srv_instances(s.status(), s.ctx(), "nodb", "x",
-                                                      &instances, &nodes, &avail, &count));
-  EXPECT_EQ(0u, count);
-  EXPECT_EQ(before, Held::now());
-}
-
-/* Unlike the whole-record fetch, every part of an instance is required. */
-TEST_F(Listing, ServiceInstancesFailWhole) {
-  Session s;
-  Held before = Held::now();
-  struct {
-    const char *what;
-    void (*breakit)(Registry &);
-  } cases[] = {
-      {"no TYPE", [](Registry &r) { r.remove(kSrv + ".INSTANCES.sales2.TYPE"); }},
-      {"not in the INSTANCE branch",
-       [](Registry &r) { r.remove("DATABASE.DATABASES.sales.INSTANCE.sales3"); }},
-      {"no NODE", [](Registry &r) { r.remove("DATABASE.DATABASES.sales.INSTANCE.sales1.NODE"); }},
-      {"NODE too long",
-       [](Registry &r) {
-         r.text("DATABASE.DATABASES.sales.INSTANCE.sales1.NODE", std::string(1100, 'n'));
-       }},
-  };
-  for (auto &c : cases) {
+  /* "": no instances; "lock": the lock refused; else a key removed. */
+  const std::string cases[] = {"", srv_inst("sales2") + ".TYPE", kDb + ".INSTANCE.sales3",
+                               kDb + ".INSTANCE.sales1.NODE", kSrv + ".INSTANCES", "lock"};
+  for (const std::string &missing : cases) {
     SetUp();
-    c.breakit(reg);
+    if (missing == "lock")
+      fault_arm_lock(1);
+    else if (!missing.empty())
+      reg.remove(missing);
+    else
+      for (const char *i : {"sales1", "sales2", "sales3"})
+        reg.remove(srv_inst(i));
     SrvList l(s, "sales", "sales.east");
-    EXPECT_EQ(PRSR_ERR_REGISTRY, l.rc) << c.what;
-    EXPECT_EQ(0u, l.count) << c.what;
-    EXPECT_EQ(nullptr, l.instances) << c.what;
+    fault_reset();
+    bool empty = missing.empty();
+    EXPECT_EQ(empty ? PRSR_SUCCESS : PRSR_ERR_REGISTRY, l.rc) << missing;
+    EXPECT_EQ(0u, l.count) << missing;
+    EXPECT_EQ(empty ? sentinel : nullptr, l.instances) << missing;
   }
-  EXPECT_EQ(before, Held::now());
-
-  /* A refused lock is 3 here, not 5. */
-  fault_arm_lock(1);
-  uint32_t count = 9;
-  char **i = nullptr, **n = nullptr;
-  uint32_t *a = nullptr;
-  EXPECT_EQ(PRSR_ERR_REGISTRY, prsr_get_srv_instances(s.status(), s.ctx(), "sales", "sales.east",
-                                                      &i, &n, &a, &count));
-  fault_reset();
-  EXPECT_EQ(0u, count);
   EXPECT_EQ(before, Held::now());
 }
