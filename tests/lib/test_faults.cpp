@@ -57,8 +57,7 @@ TEST(Faults, EveryFailureLeavesNothingBehind) {
   const char *D = "Sales", *S = "Sales.East", *I = "Sales1"; /* names in their stored case */
 #define OP(fn, ...) #fn, [&] { return fn(st, c, __VA_ARGS__); }
 /* A fetch: a record exactly when it succeeded, released. */
-#define FETCH(fn, release, Cfg, ...)                                                               \
-  #fn, [&] {                                                                                       \
+#define FETCH(fn, release, Cfg, ...) #fn, [&] {                                                    \
     Cfg *cfg = nullptr;                                                                            \
     int32_t rc = fn(st, c, __VA_ARGS__, &cfg);                                                     \
     EXPECT_EQ(rc == PRSR_SUCCESS, cfg != nullptr) << "record and result disagree: " << rc;         \
