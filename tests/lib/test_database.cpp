@@ -11,15 +11,6 @@ using namespace testkit;
 namespace {
 
 const std::string kDb = "DATABASE.DATABASES.sales";
-using Texts = std::vector<std::string>;
-
-Texts texts(char **list, uint32_t n) {
-  Texts v;
-  for (uint32_t i = 0; i < n; ++i)
-    v.push_back(str(list[i]));
-  return v;
-}
-
 /* A fetched record, released when the test is done with it. */
 struct Fetch {
   Session &s;

@@ -16,15 +16,6 @@ namespace {
 
 const std::string kVlm = "DATABASE.VLM.storage.vlm1";
 const std::string kNode = "DATABASE.NODEAPPS.node1";
-using Texts = std::vector<std::string>;
-
-Texts texts(char **l, uint32_t n) {
-  Texts v;
-  for (uint32_t i = 0; i < n; ++i)
-    v.push_back(str(l[i]));
-  return v;
-}
-
 struct NodeConfig : ::testing::Test {
   Registry reg;
   Session s;

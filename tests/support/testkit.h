@@ -166,6 +166,14 @@ inline long ms_since(std::chrono::steady_clock::time_point t0) {
 inline std::string bytes(const char *s) { return std::string(s, std::strlen(s) + 1); }
 /* A text field for comparison: "<null>" for NULL. */
 inline std::string str(const char *s) { return s ? s : "<null>"; }
+using Texts = std::vector<std::string>;
+/* A table of n texts as strings, NULL entries shown as "<null>". */
+inline Texts texts(char **list, uint32_t n) {
+  Texts v;
+  for (uint32_t i = 0; i < n; ++i)
+    v.push_back(str(list[i]));
+  return v;
+}
 
 /* The last failure's text on a registry handle (and its code). */
 inline std::string last_error(void *h, uint32_t *code = nullptr) {
