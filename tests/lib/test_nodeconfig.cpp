@@ -133,7 +133,7 @@ TEST_F(NodeConfig, NodeFetch) {
 }
 
 /* A release checks the tag where it stands (for node applications behind
- * `fetched`), and leaves a record of the other kind alone. */
+ * `fetched`), and leaves a record of another kind alone. */
 TEST_F(NodeConfig, ReleaseChecksTheTag) {
   reg.text(kNode, "Node1");
   reg.text(kVlm, "VLM1");
@@ -147,6 +147,10 @@ TEST_F(NodeConfig, ReleaseChecksTheTag) {
   EXPECT_EQ(PRSR_SUCCESS, prsr_release_nodeapps_config(s.status(), s.ctx(), &fake));
   EXPECT_EQ(PRSR_SUCCESS, prsr_release_nodeapps_config(s.status(), s.ctx(),
                                                        reinterpret_cast<prsr_nodeapps_cfg *>(vcfg)));
+  EXPECT_EQ(PRSR_SUCCESS,
+            prsr_release_vlm_config(s.status(), s.ctx(), reinterpret_cast<prsr_vlm_cfg *>(cfg)));
+  EXPECT_EQ(PRSR_SUCCESS,
+            prsr_release_db_config(s.status(), s.ctx(), reinterpret_cast<prsr_cfg *>(vcfg)));
   EXPECT_EQ(fetched, Held::now());
   cfg->fetched = 0xFFFFFFFF;
   EXPECT_EQ(PRSR_SUCCESS, prsr_release_nodeapps_config(s.status(), s.ctx(), cfg));
